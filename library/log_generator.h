@@ -1,0 +1,23 @@
+#pragma once
+#include <string>
+#include <string_view>
+
+namespace gab {
+
+class ICLPChatLog;
+
+// The library pages and statistics of ~/Library/Gabfolio.  A null transcript
+// rebuilds the pages from the stores as they are.
+class ICLPLogGenerator {
+ public:
+  // library/link_pages.cpp
+  static void GenerateLinkFiles(const ICLPChatLog* transcript);
+  static std::u16string CompressedLinkForList(std::u16string_view link);
+  static std::u16string stringWithFunkyURLStuffInserted(std::u16string_view text);
+  // library/gallery.cpp
+  static void GenerateImageFiles(const ICLPChatLog* transcript);
+  // library/statistics.cpp
+  static void UpdateStatistics(const ICLPChatLog* transcript);
+};
+
+}  // namespace gab

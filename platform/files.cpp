@@ -1,0 +1,80 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace gab {
+
+std::optional<std::string> ReadWholeFile(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string data;
+  struct stat st{};
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) data.reserve(size_t(st.st_size));
+  char buf[1 << 16];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    data.append(buf, size_t(n));
+  }
+  ::close(fd);
+  return data;
+}
+
+bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t mode,
+                         std::string* error) {
+  auto fail = [&](const char* what) {
+    if (error) *error = std::string(what) + ": " + std::strerror(errno);
+    return false;
+  };
+  std::string tmpl = path + ".XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) return fail("cannot create temporary file");
+  size_t off = 0;
+  while (off < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + off, bytes.size() - off);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      int saved = errno;
+      ::close(fd);
+      ::unlink(name.data());
+      errno = saved;
+      return fail("write failed");
+    }
+    off += size_t(n);
+  }
+  if (fchmod(fd, mode) != 0 || fsync(fd) != 0) {
+    int saved = errno;
+    ::close(fd);
+    ::unlink(name.data());
+    errno = saved;
+    return fail("cannot finish temporary file");
+  }
+  ::close(fd);
+  if (::rename(name.data(), path.c_str()) != 0) {
+    int saved = errno;
+    ::unlink(name.data());
+    errno = saved;
+    return fail("rename failed");
+  }
+  return true;
+}
+
+bool FileExists(const std::string& path) {
+  struct stat st{};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+}  // namespace gab

@@ -1,0 +1,100 @@
+#pragma once
+// ICLPChatLog: one iChat transcript loaded into memory, and every operation
+// the product performs on a whole chat.  The operations live beside the
+// subsystem that owns them: loading and queries in transcript/, rendering and
+// mail in delivery/, gathering in library/, error reporting in agent/.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "archive/object.h"
+#include "transcript/instant_message.h"
+#include "transcript/presentity.h"
+
+namespace gab {
+
+class CWSMTP;
+
+class ICLPChatLog {
+ public:
+  // alloc/init: an empty transcript (the welcome mail's sender object).
+  ICLPChatLog();
+  ~ICLPChatLog();
+  ICLPChatLog(const ICLPChatLog&) = delete;
+  ICLPChatLog& operator=(const ICLPChatLog&) = delete;
+
+  // ---- Loading and queries (transcript/chat_log.cpp) ----
+  // Yields nothing for an unknown extension, a name without " on ", or an
+  // archive that does not decode to a transcript (the reason is logged).
+  static std::unique_ptr<ICLPChatLog> InitWithFilePath(const std::string& path);
+  // Decoders; false (reason logged, nothing kept) when the archive is bad.
+  bool LoadiChat2Data(std::string_view data);
+  bool LoadiChat3Data(std::string_view data);
+  // The reason the last load failed ("" after success).
+  const std::string& loadError() const { return loadError_; }
+
+  std::u16string description() const;
+  int32_t NumberOfSpeakers() const;
+  std::optional<Date> LastMessageDate() const;
+  bool NameInSpeakerList(std::u16string_view name) const;
+  std::u16string firstOtherPartyName() const;
+  int32_t CountWordsForUserInSet(const WordSet* set) const;
+  int32_t CountWordsForOthersInSet(const WordSet* set) const;
+
+  // Element 2 and element 3 of the root array (checked at load).
+  const std::vector<std::shared_ptr<ICLPInstantMessage>>& Messages() const { return messages_; }
+  const std::vector<std::shared_ptr<ICLPPresentity>>& Participants() const { return participants_; }
+  const std::u16string& primaryOtherParty() const { return primaryOtherParty_; }
+  const ObjectPtr& loadedArray() const { return loadedArray_; }
+
+  // ---- End of chat (transcript/end_of_chat.cpp) ----
+  bool isLikelyEndOfChat() const;
+
+  // ---- Rendering (delivery/rendering.cpp) ----
+  std::u16string PlainChatLog() const;
+  AttributedString RichChatLog() const;
+  std::string HTMLChatLog() const;  // UTF-8 document
+
+  // ---- Mail (delivery/mail_sending.cpp) ----
+  // Sends the client's message; false when the transfer ended through a
+  // callback, true when it could not start or was stopped.
+  bool HandleEmailSending(CWSMTP& smtp);
+  void emailReady(CWSMTP& smtp);
+  void authenticationCompleted();
+  void authenticationFailed();
+  void messageSent();
+  void messageNotSent();
+  void connectionTimedOut();
+  std::u16string subjectForEmail();
+
+  // ---- Gathering (library/gathering.cpp) ----
+  // One entry per non-status message (messages whose sender has no name give
+  // the empty dictionary and are left out).
+  std::vector<LinkEntry> GatheredURLs() const;
+  std::vector<ImageEntry> GatheredImages() const;
+  void ExtendURLLog(const std::string& path) const;
+  void ExtendImageLog(const std::string& path) const;
+
+  // ---- Error reporting (agent/report_error.cpp) ----
+  // Callable without a transcript.
+  static void reportError(int code, std::u16string_view text);
+
+ private:
+  bool AdoptRoot(const ObjectPtr& root);
+
+  ObjectPtr loadedArray_;
+  std::u16string protocol_;
+  std::vector<std::shared_ptr<ICLPInstantMessage>> messages_;
+  std::vector<std::shared_ptr<ICLPPresentity>> participants_;
+  std::u16string primaryOtherParty_;
+  std::string loadError_;
+
+  bool mailTransmissionDone_ = false;
+  bool mailResult_ = false;
+  CWSMTP* smtp_ = nullptr;  // not owned
+};
+
+}  // namespace gab

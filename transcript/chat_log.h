@@ -50,6 +50,17 @@ class ICLPChatLog {
   const std::u16string& primaryOtherParty() const { return primaryOtherParty_; }
   const ObjectPtr& loadedArray() const { return loadedArray_; }
 
+  // For tests and tools: a transcript made of already decoded parts.
+  static std::unique_ptr<ICLPChatLog> FromParts(
+      std::u16string party, std::vector<std::shared_ptr<ICLPInstantMessage>> messages,
+      std::vector<std::shared_ptr<ICLPPresentity>> participants = {}) {
+    auto log = std::make_unique<ICLPChatLog>();
+    log->primaryOtherParty_ = std::move(party);
+    log->messages_ = std::move(messages);
+    log->participants_ = std::move(participants);
+    return log;
+  }
+
   // ---- End of chat (transcript/end_of_chat.cpp) ----
   bool isLikelyEndOfChat() const;
 

@@ -17,7 +17,7 @@ namespace gab::tool {
 
 namespace {
 
-const char kUsage[] =
+const char kDumpUsage[] =
     "usage: gabfolio dump FILE\n"
     "\n"
     "Prints a decoded iChat transcript: the other party (from the file name),\n"
@@ -83,11 +83,11 @@ void PrintMessage(FILE* out, size_t index, const ICLPInstantMessage& m) {
 
 int RunDump(int argc, char** argv) {
   if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
-    std::fputs(kUsage, stdout);
+    std::fputs(kDumpUsage, stdout);
     return kOk;
   }
   if (argc != 2 || argv[1][0] == '\0' || (argv[1][0] == '-' && argv[1][1] != '\0')) {
-    std::fputs(kUsage, stderr);
+    std::fputs(kDumpUsage, stderr);
     return kUsage;
   }
   const std::string path = argv[1];

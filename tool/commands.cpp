@@ -5,11 +5,15 @@ namespace gab::tool {
 // Declarations of the subcommands (one file each).
 // int RunDefaults(int, char**);
 int RunDump(int, char**);
+int RunRebuild(int, char**);
+int RunView(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
       // {"defaults", "read, write or delete preferences", RunDefaults},
       {"dump", "print a decoded transcript", RunDump},
+      {"rebuild", "rebuild the links pages and the gallery from the stores", RunRebuild},
+      {"view", "serve the library pages on 127.0.0.1 for a browser", RunView},
   };
   return commands;
 }

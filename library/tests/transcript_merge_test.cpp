@@ -141,7 +141,7 @@ TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
   home.Put("links.txt", "before\n");
   home.Put("images.txt", "");
   auto links = LinkChat();
-  links->ExtendURLLog(home.data() + "/links.txt");
+  links->ExtendURLLog(home.data() + "/./links.txt");  // any spelling of the folder
   EXPECT_EQ(
       home.Get("links.txt"),
       "before\n"

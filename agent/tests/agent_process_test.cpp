@@ -172,8 +172,9 @@ TEST(AgentProcess, SignalsWhileWatching) {
                  << strsignal(c.sig) << (c.removePidFileFirst ? " no pidfile" : ""));
     ResetHome();
     Agent agent({});
-    ASSERT_TRUE(WaitFor([&] { return fs::exists(agent.PidFile()); }, 10));
-    usleep(200 * 1000);  // handlers installed
+    // The welcome flag is stored after the handlers are installed.
+    ASSERT_TRUE(WaitFor([] { return BoolValue(ReadPref("sentWelcomeEmail")); }, 10));
+    ASSERT_TRUE(fs::exists(agent.PidFile()));
     if (c.removePidFileFirst) fs::remove(agent.PidFile());
     kill(agent.pid, c.sig);
     int status = agent.Wait();
@@ -195,8 +196,8 @@ TEST(AgentProcess, WatchRunsAPassSoonAfterAFileArrives) {
   std::string parser = WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
   WritePrefs({{"parserPath", PrefValue(parser)}});
   Agent agent({});
-  ASSERT_TRUE(WaitFor([&] { return fs::exists(agent.PidFile()); }, 10));
-  usleep(300 * 1000);  // watch registered
+  ASSERT_TRUE(WaitFor([] { return BoolValue(ReadPref("sentWelcomeEmail")); }, 10));
+  usleep(300 * 1000);  // the watch is registered right after
   EXPECT_EQ(Slurp(Home() + "/runs"), "");
   std::ofstream(TranscriptDir() + "/new.chat") << "x";
   EXPECT_TRUE(WaitFor([] { return !Slurp(Home() + "/runs").empty(); }, 3));

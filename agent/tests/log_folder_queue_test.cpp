@@ -1,7 +1,12 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "agent/agent.h"
@@ -118,6 +123,37 @@ TEST(LogFolderQueue, SynchronisesPreferencesEveryCycle) {
   internal::WatchLoop(source, 7, [] {});
   keepRunning = 1;
   EXPECT_EQ(shared.Int("errorStatus"), 3);
+}
+
+// With the real inotify source: changes made while a pass runs collapse into
+// one further pass; a change inside a subfolder starts none.
+TEST(LogFolderQueue, ChangesDuringAPassBecomeOneMorePass) {
+  ResetHome();
+  std::filesystem::create_directories(TranscriptDir() + "/Old");
+  int fd = open(TranscriptDir().c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  auto source = InotifyFolderSource::Create(fd, TranscriptDir());
+  ASSERT_TRUE(source);
+  int passes = 0;
+  std::thread changer([] {
+    usleep(300 * 1000);  // the watch is registered in its first cycle
+    std::ofstream(TranscriptDir() + "/Old/inside.chat") << "x";
+    usleep(1200 * 1000);
+    std::ofstream(TranscriptDir() + "/first.chat") << "x";
+    usleep(2500 * 1000);
+    keepRunning = 0;
+  });
+  internal::WatchLoop(*source, fd, [&] {
+    if (++passes == 1) {
+      for (const char* name : {"/a.chat", "/b.chat", "/c.chat"})
+        std::ofstream(TranscriptDir() + name) << "x";
+      std::filesystem::rename(TranscriptDir() + "/a.chat", TranscriptDir() + "/d.chat");
+    }
+  });
+  changer.join();
+  keepRunning = 1;
+  close(fd);
+  EXPECT_EQ(passes, 2);
 }
 
 }  // namespace

@@ -3,12 +3,14 @@
 namespace gab::tool {
 
 // Declarations of the subcommands (one file each).
-// int RunDefaults(int, char**);
+int RunDefaults(int, char**);
+int RunStatus(int, char**);
 int RunDump(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      // {"defaults", "read, write or delete preferences", RunDefaults},
+      {"defaults", "read, write or delete preferences", RunDefaults},
+      {"status", "error state and whether the agent runs", RunStatus},
       {"dump", "print a decoded transcript", RunDump},
   };
   return commands;

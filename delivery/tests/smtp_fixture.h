@@ -106,6 +106,12 @@ class SmtpServer {
   std::string Message(int n, const std::string& file) const {
     return ReadFileOr(out_ + "/msg-" + std::to_string(n) + "/" + file);
   }
+  // Connections the silent server accepted.
+  int Connections() const {
+    int n = 0;
+    while (std::filesystem::exists(out_ + "/conn-" + std::to_string(n + 1))) ++n;
+    return n;
+  }
   int MessageCount() const {
     int n = 0;
     while (std::filesystem::exists(out_ + "/msg-" + std::to_string(n + 1) + "/done")) ++n;

@@ -24,13 +24,17 @@ def parse_args():
     p.add_argument("--mode", choices=["accept", "reject", "silent"], default="accept")
     p.add_argument("--reject-at", choices=["rcpt", "data"], default="data")
     p.add_argument("--reject-reply", default="554 5.7.1 Message rejected")
+    p.add_argument("--escaped", action="store_true", help="reject reply holds \\xNN escapes")
     p.add_argument("--user")
     p.add_argument("--password")
     p.add_argument("--cert")
     p.add_argument("--key")
     p.add_argument("--implicit-tls", action="store_true")
     p.add_argument("--out", required=False, default=".")
-    return p.parse_args()
+    args = p.parse_args()
+    if args.escaped:
+        args.reject_reply = args.reject_reply.encode("latin-1").decode("unicode_escape")
+    return args
 
 
 class Handler:
@@ -107,13 +111,20 @@ async def main():
 
         async def hold(reader, writer):
             held.append(writer)  # accept, then never say a word
+            with open(os.path.join(args.out, "conn-%d" % len(held)), "w"):
+                pass
             await asyncio.sleep(3600)
 
         server = await asyncio.start_server(hold, "127.0.0.1", 0)
     else:
 
         def factory():
-            kwargs = dict(hostname="test.local", auth_require_tls=False, decode_data=False)
+            kwargs = dict(
+                hostname="test.local",
+                auth_require_tls=False,
+                decode_data=False,
+                enable_SMTPUTF8=True,
+            )
             if args.user is not None:
                 kwargs.update(authenticator=authenticator(args), auth_required=True)
             if ctx is not None and not args.implicit_tls:

@@ -185,6 +185,23 @@ TEST_F(MailSendingTest, StopRequestEndsTheWait) {
   EXPECT_FALSE(RunLoop::Current().HasSources());
 }
 
+TEST_F(MailSendingTest, RunLoopWithNothingToWaitForIsReported) {
+  SmtpServer server({"--mode", "silent"});
+  ASSERT_NE(server.port(), 0);
+  ResetPrefs({{"emailFails", int64_t(3)}});
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
+  ICLPChatLog log;
+  // Something withdraws the transfer's timer and reads: the wait would never end.
+  RunLoop::Current().Post([&smtp] { RunLoop::Current().CancelAll(&smtp); });
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(log.HandleEmailSending(smtp));
+  auto lines = MailLines(::testing::internal::GetCapturedStderr());
+  EXPECT_EQ(lines, std::vector<std::string>{"Error waiting for email transmission runloop."});
+  EXPECT_EQ(StringValue(StoredPref("reportThis")), "runloop error");
+  EXPECT_EQ(IntValue(StoredPref("errorStatus")), 4);
+}
+
 TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
   auto log = ICLPChatLog::FromParts(u"Zoë", {});
   ResetPrefs({{"subjectNumber", int64_t(5)}});

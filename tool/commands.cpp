@@ -6,12 +6,14 @@ namespace gab::tool {
 int RunDefaults(int, char**);
 int RunStatus(int, char**);
 int RunDump(int, char**);
+int RunConvert(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
       {"defaults", "read, write or delete preferences", RunDefaults},
       {"status", "error state and whether the agent runs", RunStatus},
       {"dump", "print a decoded transcript", RunDump},
+      {"convert", "write a transcript as plain text or HTML", RunConvert},
   };
   return commands;
 }

@@ -7,6 +7,8 @@ int RunDefaults(int, char**);
 int RunStatus(int, char**);
 int RunDump(int, char**);
 int RunConvert(int, char**);
+int RunRebuild(int, char**);
+int RunView(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
@@ -14,6 +16,8 @@ const std::vector<Command>& Commands() {
       {"status", "error state and whether the agent runs", RunStatus},
       {"dump", "print a decoded transcript", RunDump},
       {"convert", "write a transcript as plain text or HTML", RunConvert},
+      {"rebuild", "rebuild the links pages and the gallery from the stores", RunRebuild},
+      {"view", "serve the library pages on 127.0.0.1 for a browser", RunView},
   };
   return commands;
 }

@@ -1,0 +1,242 @@
+#include "parser/processor.h"
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <unordered_map>
+
+#include "parser/scan.h"
+#include "platform/log.h"
+#include "transcript/chat_log.h"
+#include "transcript/process_flags.h"
+
+namespace gab::parser {
+namespace {
+
+int64_t SystemNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+bool SameFile(const RecordEntry& e, const FoundTranscript& f) {
+  return e.size == f.size && e.mtimeNs == f.mtimeNs;
+}
+
+// Entries of the record whose file is gone, by size and mtime: a transcript
+// moved to another place in the folder (mv keeps both) takes its entry along
+// instead of being counted again.
+using Vanished = std::multimap<std::pair<int64_t, int64_t>, std::string>;
+
+Vanished FindVanished(const Record& record, const std::vector<FoundTranscript>& found) {
+  std::unordered_map<std::string_view, bool> present;
+  present.reserve(found.size());
+  for (const auto& f : found) present.emplace(f.relativePath, true);
+  Vanished out;
+  for (const auto& [path, e] : record.transcripts)
+    if (!present.count(path)) out.emplace(std::make_pair(e.size, e.mtimeNs), path);
+  return out;
+}
+
+class Run {
+ public:
+  Run(Library& library, const RunOptions& options)
+      : library_(library), options_(options), recordPath_(RecordPath(options.dataFolder)) {}
+
+  RunSummary Go();
+
+ private:
+  int64_t Now() const { return options_.now ? options_.now() : SystemNow(); }
+  bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
+  void Handle(const FoundTranscript& f, RecordEntry& e);
+  void Save();
+
+  Library& library_;
+  const RunOptions& options_;
+  std::string recordPath_;
+  Record record_;
+  RunSummary summary_;
+};
+
+bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
+  if (!e || !SameFile(*e, f)) return true;
+  switch (e->state) {
+    case State::kDone:
+    case State::kUnreadable:
+      return false;
+    case State::kWaiting:
+      return true;
+    case State::kMailPending:
+      // An import mails nothing, so it leaves a pending mail for the parser.
+      return !options_.importing;
+  }
+  return false;
+}
+
+void Run::Save() {
+  std::string error;
+  if (!SaveRecord(recordPath_, record_, &error)) {
+    if (!summary_.recordWriteFailed) NSLog("Unable to write " + recordPath_ + ": " + error);
+    summary_.recordWriteFailed = true;
+  }
+}
+
+void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+  const std::string full = options_.transcriptFolder + "/" + f.relativePath;
+  e.size = f.size;
+  e.mtimeNs = f.mtimeNs;
+
+  std::string reason;
+  std::unique_ptr<ICLPChatLog> log = library_.Load(full, &reason);
+  if (!log) {
+    if (reason.empty()) reason = "not a transcript";
+    NSLog(f.relativePath + " is unreadable: " + reason);
+    e.state = State::kUnreadable;
+    e.reason = reason;
+    summary_.unreadable.emplace_back(f.relativePath, reason);
+    Save();
+    return;
+  }
+
+  if (!options_.importing && !library_.ChatHasEnded(*log)) {
+    e.state = State::kWaiting;
+    e.reason = "the chat is still open";
+    ++summary_.waiting;
+    Save();
+    return;
+  }
+
+  const auto& messages = log->Messages();
+  const int64_t count = int64_t(messages.size());
+  // A transcript that shrank was rewritten; what it lost stays in the library
+  // and only messages beyond the handled count are ever added.
+  const int64_t from = std::min(e.handled, count);
+  const bool hasNew = count > from;
+
+  // Mail the whole chat when it has something new, or when an earlier mail
+  // of it failed.
+  bool mailNow = false, mailPending = false;
+  if (!options_.importing && options_.sendEmails && (hasNew || e.state == State::kMailPending)) {
+    if (Now() < record_.mailRetryAfter) {
+      mailPending = true;
+      e.reason = "mail waits for a retry";
+    } else {
+      mailNow = true;
+    }
+  }
+  if (mailNow) {
+    std::string error;
+    if (library_.Mail(*log, &error)) {
+      ++summary_.mailed;
+      record_.mailRetryAfter = 0;
+    } else {
+      ++summary_.mailFailed;
+      mailPending = true;
+      e.reason = "mail failed: " + (error.empty() ? std::string("unknown error") : error);
+      record_.mailRetryAfter = Now() + options_.mailRetryDelaySeconds;
+    }
+  }
+
+  // The record says "handled" before the library is touched: a run killed
+  // half-way leaves a transcript's additions incomplete, never doubled.
+  e.handled = count;
+  e.state = mailPending ? State::kMailPending : State::kDone;
+  if (!mailPending) e.reason.clear();
+  Save();
+
+  if (!hasNew) return;
+  std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
+  auto part =
+      ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
+  int64_t links = 0, images = 0;
+  if (options_.handleURLs) links = library_.GatherLinks(*part, options_.dataFolder + "/links.txt");
+  if (options_.handleImages)
+    images = library_.GatherImages(*part, options_.dataFolder + "/images.txt");
+  library_.CountStatistics(*part);
+
+  ++summary_.processed;
+  summary_.messages += count - from;
+  summary_.links += links;
+  summary_.images += images;
+  if (!options_.progress)
+    NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages, " +
+          std::to_string(links) + " links, " + std::to_string(images) + " images" +
+          (mailNow && !mailPending ? ", mailed" : ""));
+}
+
+RunSummary Run::Go() {
+  bool damaged = false;
+  record_ = LoadRecord(recordPath_, &damaged);
+  if (damaged) {
+    // Keep the unreadable record for the user rather than overwrite it; the
+    // transcripts are then handled afresh.
+    std::string aside = recordPath_ + ".damaged";
+    std::rename(recordPath_.c_str(), aside.c_str());
+    NSLog("The record " + recordPath_ + " was unreadable; kept as " + aside);
+  }
+
+  std::vector<FoundTranscript> found = FindTranscripts(options_.transcriptFolder);
+  summary_.found = int64_t(found.size());
+
+  std::vector<size_t> work;
+  for (size_t i = 0; i < found.size(); ++i) {
+    auto it = record_.transcripts.find(found[i].relativePath);
+    if (NeedsWork(found[i], it == record_.transcripts.end() ? nullptr : &it->second))
+      work.push_back(i);
+    else
+      ++summary_.unchanged;
+  }
+  if (work.empty()) return summary_;
+
+  Vanished vanished;
+  bool vanishedBuilt = false;
+  for (size_t n = 0; n < work.size(); ++n) {
+    const FoundTranscript& f = found[work[n]];
+    if (options_.progress) options_.progress(n, work.size(), f.relativePath);
+    if (!keepRunning) {
+      summary_.stopped = true;
+      break;
+    }
+    auto it = record_.transcripts.find(f.relativePath);
+    if (it == record_.transcripts.end()) {
+      if (!vanishedBuilt) {
+        vanished = FindVanished(record_, found);
+        vanishedBuilt = true;
+      }
+      RecordEntry fresh;
+      auto moved = vanished.find({f.size, f.mtimeNs});
+      if (moved != vanished.end()) {
+        fresh = record_.transcripts[moved->second];
+        record_.transcripts.erase(moved->second);
+        vanished.erase(moved);
+        if (fresh.state != State::kWaiting && fresh.state != State::kMailPending) {
+          // Moved, not changed: nothing to do but remember the new place.
+          it = record_.transcripts.emplace(f.relativePath, fresh).first;
+          ++summary_.unchanged;
+          Save();
+          continue;
+        }
+      }
+      it = record_.transcripts.emplace(f.relativePath, fresh).first;
+    }
+    RecordEntry& e = it->second;
+    Handle(f, e);
+  }
+  if (options_.progress) options_.progress(work.size(), work.size(), "");
+  return summary_;
+}
+
+}  // namespace
+
+std::string RecordPath(const std::string& dataFolder) {
+  return dataFolder + "/processed.plist";
+}
+std::string LockPath(const std::string& dataFolder) {
+  return dataFolder + "/processed.plist.lock";
+}
+
+RunSummary ProcessTranscripts(Library& library, const RunOptions& options) {
+  return Run(library, options).Go();
+}
+
+}  // namespace gab::parser

@@ -1,0 +1,78 @@
+#pragma once
+// One processing run over the transcript folder: the work of the companion
+// parser and of `gabfolio import`.  The library operations it drives sit
+// behind Library so that the bookkeeping (what is new, what was handled, what
+// is retried) can be tested on its own.
+
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "parser/record.h"
+
+namespace gab {
+class ICLPChatLog;
+}
+
+namespace gab::parser {
+
+// What a run asks of the transcript library.
+class Library {
+ public:
+  virtual ~Library() = default;
+  // Nothing, with the reason, when the file is unreadable or badly named.
+  virtual std::unique_ptr<ICLPChatLog> Load(const std::string& path, std::string* reason) = 0;
+  virtual bool ChatHasEnded(const ICLPChatLog& transcript) = 0;
+  // Sends the whole transcript; false with a short reason when it failed.
+  virtual bool Mail(ICLPChatLog& transcript, std::string* error) = 0;
+  // Adds these messages' links (images) to the store, the pages and the text
+  // log; returns how many were added.
+  virtual int64_t GatherLinks(const ICLPChatLog& messages, const std::string& textLog) = 0;
+  virtual int64_t GatherImages(const ICLPChatLog& messages, const std::string& textLog) = 0;
+  virtual void CountStatistics(const ICLPChatLog& messages) = 0;
+};
+
+struct RunOptions {
+  std::string transcriptFolder;  // ~/Documents/iChats
+  std::string dataFolder;        // ~/Library/Gabfolio
+  bool sendEmails = false;
+  bool handleURLs = true;
+  bool handleImages = true;
+  // Import: every transcript counts as ended and nothing is mailed.
+  bool importing = false;
+  int64_t mailRetryDelaySeconds = 30;
+  // Clock for the mail retry delay (seconds since the epoch); tests set it.
+  std::function<int64_t()> now;
+  // Called before each transcript that needs work (index, count, path).
+  std::function<void(size_t, size_t, const std::string&)> progress;
+};
+
+struct RunSummary {
+  int64_t found = 0;      // transcripts in the folder
+  int64_t unchanged = 0;  // skipped after a stat
+  int64_t processed = 0;  // transcripts whose new messages were added
+  int64_t messages = 0;   // new messages added
+  int64_t links = 0;
+  int64_t images = 0;
+  int64_t mailed = 0;
+  int64_t mailFailed = 0;
+  int64_t waiting = 0;                                          // chats still open
+  std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
+  bool stopped = false;                                         // keepRunning was cleared
+  bool recordWriteFailed = false;
+};
+
+// Paths of the parser's files in the data folder.
+std::string RecordPath(const std::string& dataFolder);
+std::string LockPath(const std::string& dataFolder);
+
+// One run; the caller holds the lock.  The record is saved after every
+// transcript that changed it, so a run cut short loses at most the
+// transcript in hand and never counts one twice.
+RunSummary ProcessTranscripts(Library& library, const RunOptions& options);
+
+}  // namespace gab::parser

@@ -1,0 +1,57 @@
+#include "parser/scan.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace gab::parser {
+namespace {
+
+constexpr int kMaxDepth = 32;
+
+void Walk(int dirfd, const std::string& prefix, int depth, std::vector<FoundTranscript>& out) {
+  DIR* dir = fdopendir(dirfd);
+  if (!dir) {
+    ::close(dirfd);
+    return;
+  }
+  while (dirent* ent = readdir(dir)) {
+    std::string_view name = ent->d_name;
+    if (name == "." || name == "..") continue;
+    struct stat st {};
+    if (fstatat(dirfd, ent->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    std::string rel = prefix.empty() ? std::string(name) : prefix + "/" + std::string(name);
+    if (S_ISDIR(st.st_mode)) {
+      if (depth >= kMaxDepth) continue;
+      int sub = openat(dirfd, ent->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (sub >= 0) Walk(sub, rel, depth + 1, out);
+    } else if (S_ISREG(st.st_mode) && HasTranscriptExtension(name)) {
+      out.push_back({std::move(rel), int64_t(st.st_size),
+                     int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
+    }
+  }
+  closedir(dir);  // closes dirfd too
+}
+
+}  // namespace
+
+bool HasTranscriptExtension(std::string_view name) {
+  auto dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0) return false;
+  auto ext = name.substr(dot + 1);
+  return ext == "chat" || ext == "ichat";
+}
+
+std::vector<FoundTranscript> FindTranscripts(const std::string& folder) {
+  std::vector<FoundTranscript> out;
+  int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) Walk(fd, "", 0, out);
+  std::sort(out.begin(), out.end(),
+            [](const auto& a, const auto& b) { return a.relativePath < b.relativePath; });
+  return out;
+}
+
+}  // namespace gab::parser

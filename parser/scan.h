@@ -1,0 +1,23 @@
+#pragma once
+// Finds the transcripts under a folder: every regular file, at any depth,
+// whose extension is "chat" or "ichat" (exact, as the loader compares it).
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace gab::parser {
+
+struct FoundTranscript {
+  std::string relativePath;  // below the scanned folder, "/"-separated
+  int64_t size = 0;
+  int64_t mtimeNs = 0;
+};
+
+// Sorted by relative path.  Symbolic links are not followed (a link could
+// lead out of the folder or into a loop); unreadable subfolders are skipped.
+std::vector<FoundTranscript> FindTranscripts(const std::string& folder);
+
+bool HasTranscriptExtension(std::string_view name);
+
+}  // namespace gab::parser

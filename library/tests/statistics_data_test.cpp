@@ -62,8 +62,8 @@ TEST(StatisticsData, ShippedTemplateFillsCompletelyAndBlocksScripts) {
                         "____AVGCHATSPERDAY"})
     EXPECT_NE(page->find(p), std::string::npos) << p;
 
-  testing::TemporaryHome home;
-  const std::string folder = home.DataFolder();
+  testing::TempHome home;
+  const std::string folder = home.path() + "/Library/Gabfolio";
   std::filesystem::create_directories(folder);
   for (const char* f : {"statstemplate.html", "curses.plist", "netspeak.plist"})
     std::filesystem::copy_file(kData + f, folder + "/" + f);

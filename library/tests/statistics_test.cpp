@@ -106,7 +106,7 @@ class Statistics : public ::testing::Test {
     if (const char* tz = std::getenv("TZ")) savedTz_ = tz;
     setenv("TZ", "UTC", 1);
     tzset();
-    folder_ = home_.DataFolder();
+    folder_ = home_.path() + "/Library/Gabfolio";
     std::filesystem::create_directories(folder_);
   }
   void TearDown() override {
@@ -127,7 +127,7 @@ class Statistics : public ::testing::Test {
   }
   std::string Day(Date d) { return FormatDate(d, "%B %e, %Y", DayPadding::kBlank); }
 
-  testing::TemporaryHome home_;
+  testing::TempHome home_;
   std::string folder_;
   std::optional<std::string> savedTz_;
 };

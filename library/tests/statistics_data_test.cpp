@@ -15,6 +15,7 @@ namespace {
 const std::string kData = GABFOLIO_SOURCE_DIR "/data/";
 
 TEST(StatisticsData, WordListsHoldTheCommonFormsAndCases) {
+  testing::TempHome home;
   auto curses = LoadWordList(kData + "curses.plist");
   auto slang = LoadWordList(kData + "netspeak.plist");
   ASSERT_TRUE(curses.has_value());

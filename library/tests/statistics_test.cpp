@@ -491,6 +491,7 @@ TEST_F(Statistics, PageReplacesEveryOccurrenceAndLeavesTheRest) {
 }
 
 TEST(StatisticsStore, BuildingStopsAtTheFirstMissingDate) {
+  testing::TempHome home;
   StatisticsTotals t;
   t.chats = 3;
   struct Case {
@@ -511,6 +512,7 @@ TEST(StatisticsStore, BuildingStopsAtTheFirstMissingDate) {
 }
 
 TEST(StatisticsNumbers, PrintedAsCDoesButNanHasNoSign) {
+  testing::TempHome home;
   const double inf = std::numeric_limits<double>::infinity();
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Case {
@@ -532,6 +534,7 @@ TEST(StatisticsNumbers, PrintedAsCDoesButNanHasNoSign) {
 }
 
 TEST(StatisticsNumbers, AveragesAreSinglePrecision) {
+  testing::TempHome home;
   // 16777217 has no single-precision form: it rounds to 16777216 first.
   StatisticsTotals t;
   t.userWords = 16777217;

@@ -127,6 +127,7 @@ TEST(ChatWindowsNoDisplay, QueryFails) {
 }
 
 TEST(TitlesEqualIgnoringCase, WholeTitleWithCaseFolded) {
+  testing::TempHome home;
   struct Case {
     std::u16string a, b;
     bool equal;

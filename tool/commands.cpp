@@ -3,11 +3,15 @@
 namespace gab::tool {
 
 // Declarations of the subcommands (one file each).
-// int RunDefaults(int, char**);
+int RunSetup(int, char**);
+int RunImport(int, char**);
+int RunService(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      // {"defaults", "read, write or delete preferences", RunDefaults},
+      {"setup", "prepare ~/Library/Gabfolio, the defaults and (--mail) mail", RunSetup},
+      {"import", "add existing transcripts to the library without mailing", RunImport},
+      {"service", "install or remove the agent's systemd user service", RunService},
   };
   return commands;
 }

@@ -1,4 +1,6 @@
 #pragma once
+#include <plist/plist.h>
+
 #include <string>
 #include <string_view>
 
@@ -14,6 +16,10 @@ class ICLPLogGenerator {
   static void GenerateLinkFiles(const ICLPChatLog* transcript);
   static std::u16string CompressedLinkForList(std::u16string_view link);
   static std::u16string stringWithFunkyURLStuffInserted(std::u16string_view text);
+  // library/stores.cpp: a speaker's "urls" / "filenames" array in a store
+  // root (a libplist array), or null.
+  static plist_t FindSpeakerArray(std::u16string_view speaker, plist_t store);
+  static plist_t FindImagesArray(std::u16string_view speaker, plist_t store);
   // library/gallery.cpp
   static void GenerateImageFiles(const ICLPChatLog* transcript);
   // library/statistics.cpp

@@ -30,6 +30,8 @@ class ICLPChatLog {
   // Yields nothing for an unknown extension, a name without " on ", or an
   // archive that does not decode to a transcript (the reason is logged).
   static std::unique_ptr<ICLPChatLog> InitWithFilePath(const std::string& path);
+  // The same; when nothing is yielded, `why` (if given) says why.
+  static std::unique_ptr<ICLPChatLog> InitWithFilePath(const std::string& path, std::string* why);
   // Decoders; false (reason logged, nothing kept) when the archive is bad.
   bool LoadiChat2Data(std::string_view data);
   bool LoadiChat3Data(std::string_view data);
@@ -43,6 +45,14 @@ class ICLPChatLog {
   std::u16string firstOtherPartyName() const;
   int32_t CountWordsForUserInSet(const WordSet* set) const;
   int32_t CountWordsForOthersInSet(const WordSet* set) const;
+
+  // All six counts of the statistics in one pass over the messages; each
+  // equals the matching CountWordsFor...InSet (null set: all words).
+  struct WordCounts {
+    int32_t userWords = 0, userCurses = 0, userSlang = 0;
+    int32_t otherWords = 0, otherCurses = 0, otherSlang = 0;
+  };
+  WordCounts CountWords(const WordSet* curses, const WordSet* slang) const;
 
   // Element 2 and element 3 of the root array (checked at load).
   const std::vector<std::shared_ptr<ICLPInstantMessage>>& Messages() const { return messages_; }
@@ -95,6 +105,7 @@ class ICLPChatLog {
 
  private:
   bool AdoptRoot(const ObjectPtr& root);
+  bool Fail(std::string reason);  // logs, keeps the reason, drops what was loaded
 
   ObjectPtr loadedArray_;
   std::u16string protocol_;
@@ -102,6 +113,7 @@ class ICLPChatLog {
   std::vector<std::shared_ptr<ICLPPresentity>> participants_;
   std::u16string primaryOtherParty_;
   std::string loadError_;
+  std::string path_;  // the file being loaded, for log lines
 
   bool mailTransmissionDone_ = false;
   bool mailResult_ = false;

@@ -46,11 +46,38 @@ class ICLPInstantMessage : public Object {
   std::optional<LinkEntry> allURLs() const;
   std::optional<ImageEntry> allImages() const;
   int32_t wordCountInSet(const WordSet* set) const;
+  // Calls `word` for each word that wordCountInSet counts (before the set
+  // test), in order.  The string passed is reused between calls.
+  template <class F>
+  void ForEachWord(F&& word) const;
 
   std::shared_ptr<ICLPPresentity> speaker;   // null for status lines
   std::shared_ptr<AttributedString> string;  // may be null
   std::optional<Date> timestamp;
   uint32_t mystery = 0;  // iChat's flags word; read by nothing
 };
+
+// The default scanner's skip set: white space and line ends.
+bool IsScannerSkipCharacter(char16_t c);
+
+template <class F>
+void ICLPInstantMessage::ForEachWord(F&& word) const {
+  if (!speaker || !string) return;
+  // A word is what the scanner reads up to the next single " " after skipping
+  // white space and line ends: only U+0020 ends a word, so a line feed or a
+  // tab inside a run of text does not split it.
+  const std::u16string& text = string->text;
+  std::u16string current;
+  size_t pos = 0;
+  for (;;) {
+    while (pos < text.size() && IsScannerSkipCharacter(text[pos])) ++pos;
+    if (pos == text.size()) return;
+    size_t end = text.find(u' ', pos);
+    if (end == std::u16string::npos) end = text.size();
+    current.assign(text, pos, end - pos);
+    word(static_cast<const std::u16string&>(current));
+    pos = end < text.size() ? end + 1 : end;
+  }
+}
 
 }  // namespace gab

@@ -1,0 +1,158 @@
+#include <poll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "agent/agent.h"
+#include "library/log_generator.h"
+#include "platform/home.h"
+#include "platform/log.h"
+#include "platform/preferences.h"
+#include "transcript/chat_log.h"
+#include "transcript/process_flags.h"
+
+namespace gab {
+namespace {
+
+// The "error chances" are used up when emailFails is above this.
+constexpr int kErrorChances = 2;
+constexpr int kTimeoutCode = 4;
+
+int PidfdOpen(pid_t pid) {
+  return int(::syscall(SYS_pidfd_open, pid, 0));
+}
+
+int PidfdSendSignal(int pidfd, int signal) {
+  return int(::syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0));
+}
+
+// One second of waiting, cut short when the child exits.
+void WaitOneCycle(int pidfd) {
+  if (pidfd < 0) {
+    ::sleep(1);
+    return;
+  }
+  pollfd p{pidfd, POLLIN, 0};
+  ::poll(&p, 1, 1000);
+}
+
+void StoreErrorStatusZero(Preferences& prefs) {
+  prefs.SetAppValue("errorStatus", PrefValue(int64_t(0)));
+  prefs.AppSynchronize();
+}
+
+// Runs the parser once, as its own only argument, and waits for it at most
+// `cycleLimit` cycles.
+void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
+  std::fflush(nullptr);
+  pid_t pid = ::fork();
+  if (pid < 0) {
+    NSLog(std::string("Unable to start the log parser: ") + std::strerror(errno));
+    return;
+  }
+  if (pid == 0) {
+    if (parserPath) {
+      const char* path = parserPath->c_str();
+      if (::execl(path, path, static_cast<char*>(nullptr)) == 0) {
+        std::puts("Error launching monitor.");
+        std::fflush(stdout);
+        _exit(0);
+      }
+    }
+    _exit(1);
+  }
+
+  // A pidfd lets each cycle end as soon as the parser exits, and a signal
+  // sent through it can never reach a recycled process id.
+  int pidfd = PidfdOpen(pid);
+  errno = 0;
+  int status = 0;
+  pid_t result = ::waitpid(pid, &status, WNOHANG);
+  int cycles = 0;
+  while (result == 0) {
+    result = ::waitpid(pid, &status, WNOHANG);
+    if (cycles == cycleLimit) {
+      if (pidfd >= 0)
+        PidfdSendSignal(pidfd, SIGKILL);
+      else if (result == 0)
+        ::kill(pid, SIGKILL);
+      NSLog("Log processing timed out after " + std::to_string(cycleLimit) + " seconds.");
+      ICLPChatLog::reportError(kTimeoutCode, u"timeout");
+      // Collect the killed child if it is gone already, so no zombie lingers.
+      if (result == 0) {
+        WaitOneCycle(pidfd);
+        ::waitpid(pid, &status, WNOHANG);
+      }
+      break;
+    }
+    ++cycles;
+    if (result == 0) WaitOneCycle(pidfd);
+  }
+  if (pidfd >= 0) ::close(pidfd);
+}
+
+}  // namespace
+
+namespace internal {
+
+bool ApplyErrorGate(GatePoint point) {
+  auto& prefs = Preferences::Shared();
+  prefs.AppSynchronize();
+  int32_t errorStatus = prefs.Int("errorStatus");
+  int32_t emailFails = prefs.Int("emailFails");
+  bool chancesUsedUp = emailFails > kErrorChances;
+  if (errorStatus == kTimeoutCode) {
+    if (chancesUsedUp) return false;
+    StoreErrorStatusZero(prefs);
+    return true;
+  }
+  if (point == GatePoint::kFinish) return prefs.Int("errorStatus") == 0;
+  if (!chancesUsedUp) {
+    NSLog("error chances remain, reset code");
+    StoreErrorStatusZero(prefs);
+  }
+  return true;
+}
+
+void ExtractChatLogs(int cycleLimit) {
+  namespace fs = std::filesystem;
+  auto& prefs = Preferences::Shared();
+  fs::path folder = fs::path(HomeDirectory()) / "Documents/iChats";
+
+  if (!ApplyErrorGate(GatePoint::kStart)) return;
+  NSLog("*****START***** Activity in log folder, scanning...");
+  std::optional<std::string> parserPath = prefs.String("parserPath");
+
+  // Every entry counts, folders and the contents of subfolders included;
+  // linked folders are not followed.
+  std::error_code ec;
+  fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied, ec);
+  for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (!ApplyErrorGate(GatePoint::kEntry)) break;
+    prefs.CopyAppValue("emailAddress");
+    RunParser(parserPath, cycleLimit);
+    if (!keepRunning) return;
+  }
+
+  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  ICLPLogGenerator::GenerateImageFiles(nullptr);
+
+  if (!ApplyErrorGate(GatePoint::kFinish)) return;
+  NSLog("*****FINISH***** All logs scanned.");
+}
+
+}  // namespace internal
+
+void ExtractChatLogs() {
+  internal::ExtractChatLogs(kParserTimeLimit);
+}
+
+}  // namespace gab

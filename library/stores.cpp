@@ -1,0 +1,275 @@
+#include "library/stores.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "library/log_generator.h"
+#include "platform/data_folder.h"
+#include "platform/home.h"
+#include "platform/image_size.h"
+#include "platform/text.h"
+
+namespace gab {
+namespace {
+
+constexpr double kNoDate = -std::numeric_limits<double>::infinity();
+
+std::string StringOf(plist_t node) {
+  if (!node || plist_get_node_type(node) != PLIST_STRING) return {};
+  char* s = nullptr;
+  plist_get_string_val(node, &s);
+  std::string out = s ? s : "";
+  std::free(s);
+  return out;
+}
+
+bool IsString(plist_t node) {
+  return node && plist_get_node_type(node) == PLIST_STRING;
+}
+
+double DateOf(plist_t record) {
+  if (!record || plist_get_node_type(record) != PLIST_DICT) return kNoDate;
+  plist_t d = plist_dict_get_item(record, "date");
+  if (!d || plist_get_node_type(d) != PLIST_DATE) return kNoDate;
+  int32_t sec = 0, usec = 0;
+  plist_get_date_val(d, &sec, &usec);
+  return double(sec) + usec / 1e6;
+}
+
+int CompareRecords(plist_t a, plist_t b) {
+  double da = DateOf(a), db = DateOf(b);
+  if (db < da) return kOrderedAscending;
+  if (db > da) return kOrderedDescending;
+  return kOrderedSame;
+}
+
+int CompareMonthLabels(std::u16string_view a, std::u16string_view b) {
+  auto da = ParseMonthYear(ToUtf8(a)), db = ParseMonthYear(ToUtf8(b));
+  double x = da ? da->time : kNoDate, y = db ? db->time : kNoDate;
+  return x < y ? kOrderedAscending : x > y ? kOrderedDescending : kOrderedSame;
+}
+
+plist_t NewDate(Date d) {
+  double sec = std::floor(d.time);
+  sec = std::clamp(sec, double(INT32_MIN), double(INT32_MAX));
+  return plist_new_date(int32_t(sec), int32_t((d.time - std::floor(d.time)) * 1e6));
+}
+
+// The speaker's list, created at the end of the store when absent.
+plist_t ListForSpeaker(plist_t store, std::u16string_view speaker, const char* listKey) {
+  if (plist_t list = FindSpeakerList(speaker, store, listKey)) return list;
+  plist_t record = plist_new_dict();
+  plist_dict_set_item(record, "speaker", plist_new_string(ToUtf8(speaker).c_str()));
+  plist_dict_set_item(record, listKey, plist_new_array());
+  plist_array_append_item(store, record);
+  return plist_dict_get_item(record, listKey);
+}
+
+}  // namespace
+
+std::string LinkStorePath() {
+  return DataFolder() + "/" + kLinkStoreName;
+}
+std::string ImageStorePath() {
+  return DataFolder() + "/" + kImageStoreName;
+}
+
+PlistPtr LoadStore(const std::string& path) {
+  bool exists = false;
+  PlistPtr root = ReadPlistFile(path, &exists);
+  if (!exists) return PlistPtr(plist_new_array());
+  if (!root || plist_get_node_type(root.get()) != PLIST_ARRAY) return nullptr;
+  return root;
+}
+
+int compareLinkDictionaries(plist_t a, plist_t b, void*) {
+  return CompareRecords(a, b);
+}
+int compareImageDictionaries(plist_t a, plist_t b, void*) {
+  return CompareRecords(a, b);
+}
+int compareLinkDateString(std::u16string_view a, std::u16string_view b) {
+  return CompareMonthLabels(a, b);
+}
+int compareImageDateString(std::u16string_view a, std::u16string_view b) {
+  return CompareMonthLabels(a, b);
+}
+
+plist_t FindSpeakerList(std::u16string_view speaker, plist_t store, const char* listKey) {
+  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return nullptr;
+  std::string name = ToUtf8(speaker);
+  uint32_t n = plist_array_get_size(store);
+  for (uint32_t i = 0; i < n; ++i) {
+    plist_t record = plist_array_get_item(store, i);
+    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+    plist_t s = plist_dict_get_item(record, "speaker");
+    if (!IsString(s) || StringOf(s) != name) continue;
+    plist_t list = plist_dict_get_item(record, listKey);
+    if (list && plist_get_node_type(list) == PLIST_ARRAY) return list;
+  }
+  return nullptr;
+}
+
+plist_t ICLPLogGenerator::FindSpeakerArray(std::u16string_view speaker, plist_t store) {
+  return FindSpeakerList(speaker, store, "urls");
+}
+
+plist_t ICLPLogGenerator::FindImagesArray(std::u16string_view speaker, plist_t store) {
+  return FindSpeakerList(speaker, store, "filenames");
+}
+
+void SortEveryList(plist_t store, const char* listKey) {
+  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return;
+  uint32_t n = plist_array_get_size(store);
+  for (uint32_t i = 0; i < n; ++i) {
+    plist_t record = plist_array_get_item(store, i);
+    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+    plist_t list = plist_dict_get_item(record, listKey);
+    if (!list || plist_get_node_type(list) != PLIST_ARRAY) continue;
+    uint32_t m = plist_array_get_size(list);
+    std::vector<std::pair<double, plist_t>> items;
+    items.reserve(m);
+    bool sorted = true;
+    for (uint32_t j = 0; j < m; ++j) {
+      plist_t item = plist_array_get_item(list, j);
+      items.emplace_back(DateOf(item), item);
+      if (j > 0 && items[j - 1].first < items[j].first) sorted = false;
+    }
+    if (sorted) continue;
+    // Keys are computed once; the order is that of compare*Dictionaries.
+    std::stable_sort(items.begin(), items.end(),
+                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    plist_t fresh = plist_new_array();
+    for (auto& [date, item] : items) plist_array_append_item(fresh, plist_copy(item));
+    plist_dict_set_item(record, listKey, fresh);
+  }
+}
+
+void MergeLinkEntries(plist_t store, const std::vector<LinkEntry>& entries) {
+  for (const auto& entry : entries) {
+    if (entry.urls.empty() || !entry.time) continue;
+    plist_t list = ListForSpeaker(store, entry.speaker, "urls");
+    for (const auto& url : entry.urls) {
+      plist_t record = plist_new_dict();
+      plist_dict_set_item(record, "date", NewDate(*entry.time));
+      plist_dict_set_item(record, "linkurl", plist_new_string(ToUtf8(url).c_str()));
+      plist_array_append_item(list, record);
+    }
+  }
+}
+
+void MergeImageEntries(plist_t store, const std::vector<ImageEntry>& entries) {
+  PixelSize size;  // a wrapper that is not a file keeps the size before it
+  for (const auto& entry : entries) {
+    if (entry.images.empty() || !entry.time) continue;
+    plist_t list = ListForSpeaker(store, entry.speaker, "filenames");
+    std::u16string time = ToUtf16(DefaultDescription(*entry.time));
+    for (const auto& wrapper : entry.images) {
+      if (!wrapper) continue;
+      if (wrapper->IsRegularFile()) size = ImagePixelSize(wrapper->contents);
+      std::u16string name;
+      if (!wrapper->preferredFilename) {
+        name = entry.speaker + u"-" + time + u".image";
+      } else {
+        const std::u16string& pf = *wrapper->preferredFilename;
+        name = DeletingPathExtension(pf) + u"-" + entry.speaker + u"-" + time + u"." +
+               PathExtension(pf);
+      }
+      std::string name8 = ToUtf8(name);
+      if (wrapper->IsRegularFile()) WriteIntoDataFolder("Images", name8, wrapper->contents);
+      plist_t record = plist_new_dict();
+      plist_dict_set_item(record, "date", NewDate(*entry.time));
+      plist_dict_set_item(record, "filename", plist_new_string(("Images/" + name8).c_str()));
+      plist_dict_set_item(record, "width", plist_new_uint(uint64_t(size.width)));
+      plist_dict_set_item(record, "height", plist_new_uint(uint64_t(size.height)));
+      plist_array_append_item(list, record);
+    }
+  }
+}
+
+std::vector<SpeakerLinks> ReadLinkSpeakers(plist_t store) {
+  std::vector<SpeakerLinks> out;
+  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return out;
+  uint32_t n = plist_array_get_size(store);
+  for (uint32_t i = 0; i < n; ++i) {
+    plist_t record = plist_array_get_item(store, i);
+    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+    plist_t s = plist_dict_get_item(record, "speaker");
+    plist_t list = plist_dict_get_item(record, "urls");
+    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) continue;
+    SpeakerLinks speaker{ToUtf16(StringOf(s)), {}};
+    uint32_t m = plist_array_get_size(list);
+    speaker.links.reserve(m);
+    for (uint32_t j = 0; j < m; ++j) {
+      plist_t item = plist_array_get_item(list, j);
+      double date = DateOf(item);
+      plist_t url = item && plist_get_node_type(item) == PLIST_DICT
+                        ? plist_dict_get_item(item, "linkurl")
+                        : nullptr;
+      if (date == kNoDate || !IsString(url)) continue;
+      speaker.links.push_back({Date{date}, ToUtf16(StringOf(url))});
+    }
+    out.push_back(std::move(speaker));
+  }
+  return out;
+}
+
+std::vector<SpeakerImages> ReadImageSpeakers(plist_t store) {
+  std::vector<SpeakerImages> out;
+  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return out;
+  auto integer = [](plist_t node) -> int64_t {
+    if (!node) return 0;
+    if (plist_get_node_type(node) == PLIST_UINT) {
+      uint64_t v = 0;
+      plist_get_uint_val(node, &v);
+      return int64_t(v);
+    }
+    if (plist_get_node_type(node) == PLIST_REAL) {
+      double v = 0;
+      plist_get_real_val(node, &v);
+      return std::isfinite(v) ? int64_t(std::clamp(v, -9e18, 9e18)) : 0;
+    }
+    return 0;
+  };
+  uint32_t n = plist_array_get_size(store);
+  for (uint32_t i = 0; i < n; ++i) {
+    plist_t record = plist_array_get_item(store, i);
+    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+    plist_t s = plist_dict_get_item(record, "speaker");
+    plist_t list = plist_dict_get_item(record, "filenames");
+    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) continue;
+    SpeakerImages speaker{ToUtf16(StringOf(s)), {}};
+    uint32_t m = plist_array_get_size(list);
+    speaker.images.reserve(m);
+    for (uint32_t j = 0; j < m; ++j) {
+      plist_t item = plist_array_get_item(list, j);
+      double date = DateOf(item);
+      if (date == kNoDate) continue;
+      plist_t file = plist_dict_get_item(item, "filename");
+      if (!IsString(file)) continue;
+      speaker.images.push_back({Date{date}, ToUtf16(StringOf(file)),
+                                integer(plist_dict_get_item(item, "width")),
+                                integer(plist_dict_get_item(item, "height"))});
+    }
+    out.push_back(std::move(speaker));
+  }
+  return out;
+}
+
+std::u16string PathExtension(std::u16string_view path) {
+  size_t slash = path.rfind(u'/');
+  std::u16string_view last = slash == std::u16string_view::npos ? path : path.substr(slash + 1);
+  size_t dot = last.rfind(u'.');
+  if (dot == std::u16string_view::npos || dot == 0) return {};
+  return std::u16string(last.substr(dot + 1));
+}
+
+std::u16string DeletingPathExtension(std::u16string_view path) {
+  std::u16string ext = PathExtension(path);
+  if (ext.empty()) return std::u16string(path);
+  return std::u16string(path.substr(0, path.size() - ext.size() - 1));
+}
+
+}  // namespace gab

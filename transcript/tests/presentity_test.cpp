@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include "platform/testing/temp_home.h"
+#include "transcript/presentity.h"
+#include "transcript/tests/builders.h"
+
+namespace gab {
+namespace {
+
+using testing::Participant;
+
+const std::string kBook = "Library/Application Support/AddressBook/";
+
+const char kMe[] =
+    "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Lee;Anna;;;\r\nX-AIM;type=WORK:annawork\r\n"
+    "X-AIM;type=HOME;type=pref:annalee\r\nEND:VCARD\r\n";
+
+const char kContacts[] =
+    "BEGIN:VCARD\nVERSION:3.0\nN:Stone;Bob;;;\nX-AIM:buddy1\nEND:VCARD\n"
+    "BEGIN:VCARD\nVERSION:4.0\nN:Later;Rob;;;\nIMPP:aim:buddy1\nIMPP:aim:rob\nEND:VCARD\n"
+    "BEGIN:VCARD\nVERSION:3.0\nN:;Priya;;;\nX-AIM:priya2005\nEND:VCARD\n"
+    "BEGIN:VCARD\nVERSION:3.0\nN:Okafor;;;;\nX-AIM:okafor\nEND:VCARD\n"
+    "BEGIN:VCARD\nVERSION:3.0\nN:Okafor;Tobi;;;\nX-AIM:tobi o\nEND:VCARD\n";
+
+struct NameCase {
+  const char* label;
+  std::optional<std::u16string> protocol, name;
+  std::optional<std::u16string> expected;
+};
+
+void PrintTo(const NameCase& c, std::ostream* os) { *os << c.label; }
+
+class PresentityName : public ::testing::TestWithParam<NameCase> {
+ protected:
+  PresentityName() : home_("anna") {
+    home_.Write(kBook + "Me.vcf", kMe);
+    home_.Write(kBook + "Contacts.vcf", kContacts);
+  }
+  testing::TempHome home_;
+};
+
+TEST_P(PresentityName, DisplayName) {
+  const NameCase& c = GetParam();
+  EXPECT_EQ(Participant(c.protocol, c.name)->Name(), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Services, PresentityName,
+    ::testing::Values(
+        NameCase{"SubNetMyselfIsTheLoginName", u"SubNet", u" myself ", u"anna"},
+        NameCase{"SubNetCutAtFirstAt", u"SubNet", u"bob@mac@x", u"bob"},
+        NameCase{"SubNetWithoutAt", u"SubNet", u"bob", u"bob"},
+        NameCase{"SubNetLeadingAt", u"SubNet", u"@host", u""},
+        NameCase{"SubNetMyselfNeedsExactSpaces", u"SubNet", u"myself", u"myself"},
+        NameCase{"MyselfOnOtherServiceUnchanged", u"AIM", u" myself ", u" myself "},
+        NameCase{"OwnPrimaryHandleIsTheMeCard", u"AIM", u"annalee", u"Anna Lee"},
+        NameCase{"OwnOtherHandleIsResolvedLikeABuddy", u"AIM", u"annawork", u"annawork"},
+        NameCase{"BuddyFirstCardWins", u"AIM", u"buddy1", u"Bob Stone"},
+        NameCase{"BuddyOnlyOnLaterCard", u"AIM", u"rob", u"Rob Later"},
+        NameCase{"BuddyHandleWithSpace", u"AIM", u"tobi o", u"Tobi Okafor"},
+        NameCase{"BuddyWithoutLastName", u"AIM", u"priya2005", u"priya2005"},
+        NameCase{"BuddyWithoutFirstName", u"AIM", u"okafor", u"okafor"},
+        NameCase{"BuddyComparedExactly", u"AIM", u"Buddy1", u"Buddy1"},
+        NameCase{"UnknownBuddy", u"AIM", u"stranger", u"stranger"},
+        NameCase{"ServiceComparedExactly", u"aim", u"buddy1", u"buddy1"},
+        NameCase{"OtherServiceUnchanged", u"Jabber", u"bob@jabber.org", u"bob@jabber.org"},
+        NameCase{"NoServiceUnchanged", std::nullopt, u"x@y", u"x@y"},
+        NameCase{"NoNameIsNothing", u"AIM", std::nullopt, std::nullopt},
+        NameCase{"NoNameOnSubNetIsNothing", u"SubNet", std::nullopt, std::nullopt}),
+    [](const auto& info) { return std::string(info.param.label); });
+
+TEST(PresentityNameMeCard, IncompleteOrMissingMeCardFallsBackToTheHandle) {
+  testing::TempHome home("anna");
+  auto own = Participant(u"AIM", u"annalee");
+  EXPECT_EQ(own->Name(), u"annalee");  // no contacts at all
+  home.Write(kBook + "Me.vcf", "BEGIN:VCARD\nN:;Anna;;;\nX-AIM:annalee\nEND:VCARD\n");
+  home.Write(kBook + "Contacts.vcf", "BEGIN:VCARD\nN:Lee;Anna\nX-AIM:annalee\nEND:VCARD\n");
+  EXPECT_EQ(own->Name(), u"annalee");  // the me card has no last name
+  home.Write(kBook + "Me.vcf", "BEGIN:VCARD\nN:Lee;Anna;;;\nX-AIM:annalee\nEND:VCARD\n");
+  EXPECT_EQ(own->Name(), u"Anna Lee");
+}
+
+TEST(PresentityNameUser, MissingUserGivesNoName) {
+  testing::TempHome home(nullptr);
+  EXPECT_EQ(Participant(u"SubNet", u" myself ")->Name(), std::nullopt);
+  testing::TempHome::SetUser("zoe");
+  EXPECT_EQ(Participant(u"SubNet", u" myself ")->Name(), u"zoe");
+}
+
+TEST(Presentity, ResolveAIMName) {
+  testing::TempHome home("anna");
+  home.Write(kBook + "Contacts.vcf", kContacts);
+  EXPECT_EQ(ICLPPresentity::ResolveAIMName(u"buddy1"), u"Bob Stone");
+  EXPECT_EQ(ICLPPresentity::ResolveAIMName(u"priya2005"), u"priya2005");
+  EXPECT_EQ(ICLPPresentity::ResolveAIMName(u""), u"");
+}
+
+TEST(Presentity, RichNameIsBoldHelveticaTwelveOverTheWholeName) {
+  testing::TempHome home("anna");
+  for (auto p : {Participant(u"SubNet", u"bob@host"), Participant(u"SubNet", std::nullopt)}) {
+    AttributedString rich = p->RichName();
+    EXPECT_EQ(rich.text, p->Name().value_or(u""));
+    uint32_t covered = 0;
+    for (const auto& run : rich.runs) {
+      covered += run.length;
+      ASSERT_TRUE(run.attributes);
+      auto font = As<Font>(run.attributes->Get(kFontAttribute));
+      ASSERT_TRUE(font);
+      EXPECT_EQ(font->name, u"Helvetica-Bold");
+      EXPECT_EQ(font->pointSize, 12.0);
+    }
+    EXPECT_EQ(covered, rich.Length());
+  }
+}
+
+TEST(Presentity, Description) {
+  EXPECT_EQ(Participant(u"AIM", u"bob")->Description(), u"bob on protocol AIM");
+  EXPECT_EQ(Participant(std::nullopt, std::nullopt)->Description(),
+            u"(null) on protocol (null)");
+}
+
+TEST(Presentity, DecodesKeyedAndSequentialFields) {
+  testing::FakeCoder keyed(true);
+  keyed.objects["ServiceName"] = std::make_shared<String>(u"AIM");
+  keyed.objects["ID"] = std::make_shared<String>(u"bob", true);
+  auto p = As<ICLPPresentity>(ICLPPresentity::InitWithCoder(keyed));
+  ASSERT_TRUE(p);
+  EXPECT_EQ(p->Protocol(), u"AIM");
+  EXPECT_EQ(p->rawName(), u"bob");
+
+  testing::FakeCoder sequential(false);
+  sequential.sequence = {std::make_shared<String>(u"SubNet"), std::make_shared<String>(u"x@y")};
+  p = As<ICLPPresentity>(ICLPPresentity::InitWithCoder(sequential));
+  ASSERT_TRUE(p);
+  EXPECT_EQ(p->Protocol(), u"SubNet");  // the service comes first
+  EXPECT_EQ(p->rawName(), u"x@y");
+  EXPECT_EQ(sequential.asked, "@;@;");
+
+  // Values of other kinds are not taken for strings.
+  testing::FakeCoder odd(true);
+  odd.objects["ServiceName"] = Number::Integer(3);
+  p = As<ICLPPresentity>(ICLPPresentity::InitWithCoder(odd));
+  ASSERT_TRUE(p);
+  EXPECT_EQ(p->Protocol(), std::nullopt);
+  EXPECT_EQ(p->rawName(), std::nullopt);
+
+  testing::FakeCoder none(false);
+  EXPECT_TRUE(As<ICLPPerson>(ICLPPerson::InitWithCoder(none)));
+  EXPECT_EQ(none.asked, "");  // a person reads nothing
+}
+
+}  // namespace
+}  // namespace gab

@@ -27,7 +27,10 @@ std::string CompanionExecutable(const std::string& name, const std::string& buil
 std::string SuppliedDataFolder() {
   auto hasTemplates = [](const fs::path& p) {
     std::error_code ec;
-    return fs::exists(p / "linktemplate.html", ec);
+    for (auto it = fs::directory_iterator(p, ec); !ec && it != fs::directory_iterator();
+         it.increment(ec))
+      if (it->path().extension() == ".html") return true;
+    return false;
   };
   fs::path here = ExecutableFolder();
   std::vector<fs::path> candidates;

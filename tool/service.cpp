@@ -63,12 +63,15 @@ fs::path UnitFolder() {
   return fs::path(HomeDirectory()) / ".config" / "systemd" / "user";
 }
 
-// The unit we ship, installed beside the data files or in the source tree.
+// The unit we ship: installed under <prefix>/lib/systemd/user, or configured
+// in the build tree.
 std::optional<std::string> ShippedUnit() {
   std::vector<fs::path> places;
   fs::path here = ExecutableFolder();
-  if (!here.empty()) places.push_back(here.parent_path() / "share" / "gabfolio" / kUnit);
-  places.push_back(fs::path(GABFOLIO_DATADIR) / kUnit);
+  if (!here.empty()) {
+    places.push_back(here.parent_path() / "lib" / "systemd" / "user" / kUnit);  // installed
+    places.push_back(here.parent_path() / "agent" / kUnit);                     // build tree
+  }
   places.push_back(fs::path(GABFOLIO_SOURCE_DIR) / "agent" / kUnit);
   for (const auto& p : places)
     if (auto text = ReadWholeFile(p.string())) return text;

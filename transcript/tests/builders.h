@@ -50,6 +50,12 @@ inline std::shared_ptr<ICLPInstantMessage> Message(std::shared_ptr<ICLPPresentit
   return Message(std::move(speaker), Text(text), time);
 }
 
+inline std::shared_ptr<ICLPInstantMessage> Message(std::shared_ptr<ICLPPresentity> speaker,
+                                                   std::nullptr_t,
+                                                   std::optional<Date> time = Date{1000}) {
+  return Message(std::move(speaker), std::shared_ptr<AttributedString>(), time);
+}
+
 // A coder that hands out prepared values: by key when keyed, in order when
 // sequential.  Records what was asked for.
 class FakeCoder : public Coder {

@@ -1,7 +1,8 @@
+#include "transcript/instant_message.h"
+
 #include <gtest/gtest.h>
 
 #include "platform/testing/temp_home.h"
-#include "transcript/instant_message.h"
 #include "transcript/tests/builders.h"
 
 namespace gab {
@@ -21,7 +22,9 @@ struct WordCase {
   int32_t expected;
 };
 
-void PrintTo(const WordCase& c, std::ostream* os) { *os << c.label; }
+void PrintTo(const WordCase& c, std::ostream* os) {
+  *os << c.label;
+}
 
 class WordCount : public ::testing::TestWithParam<WordCase> {};
 
@@ -39,8 +42,7 @@ INSTANTIATE_TEST_SUITE_P(
         // a space ends a word, so "lol\nlol" is one word.
         WordCase{"LineFeedDoesNotSplitInSet", u"lol  lol\nlol", true, 1},
         WordCase{"LineFeedDoesNotSplitAll", u"lol  lol\nlol", false, 2},
-        WordCase{"OnlySpaces", u"     ", false, 0},
-        WordCase{"Empty", u"", false, 0},
+        WordCase{"OnlySpaces", u"     ", false, 0}, WordCase{"Empty", u"", false, 0},
         WordCase{"OnlyLineEnds", u"\n\r\n\t\u2028\u0085", false, 0},
         WordCase{"LeadingWhiteSpaceSkipped", u"\n\t lol", true, 1},
         WordCase{"TrailingSpaceEndsCleanly", u"lol ", true, 1},
@@ -100,7 +102,8 @@ TEST(InstantMessage, LoggedStringKeepsTheTextsAttributes) {
   EXPECT_TRUE(line.AttributeAt(2, kFontAttribute));
   EXPECT_FALSE(line.AttributeAt(3, kFontAttribute));
   for (size_t i : {3, 4, 5, 10, 14, 15}) EXPECT_FALSE(line.AttributeAt(i, kColorAttribute)) << i;
-  for (size_t i : {11, 12, 13}) EXPECT_EQ(line.AttributeAt(i, kColorAttribute), red->Get(kColorAttribute));
+  for (size_t i : {11, 12, 13})
+    EXPECT_EQ(line.AttributeAt(i, kColorAttribute), red->Get(kColorAttribute));
 }
 
 // ---- Links and attachments ----
@@ -117,7 +120,9 @@ struct LinkCase {
   std::vector<std::u16string> expected;
 };
 
-void PrintTo(const LinkCase& c, std::ostream* os) { *os << c.label; }
+void PrintTo(const LinkCase& c, std::ostream* os) {
+  *os << c.label;
+}
 
 std::vector<ObjectPtr> LinkPool() {
   auto base = std::make_shared<URL>();
@@ -170,13 +175,17 @@ INSTANTIATE_TEST_SUITE_P(
         LinkCase{"OneLinkOverTenCharacters", {{2, -1}, {10, 0}, {2, -1}}, {u"http://a.example/"}},
         LinkCase{"URLObjectByAbsoluteString", {{4, 2}}, {u"http://example.com/"}},
         LinkCase{"RelativeURLResolved", {{4, 3}}, {u"http://example.org/dir/page.html"}},
-        LinkCase{"SameObjectAcrossPlainTextOnce", {{3, 0}, {4, -1}, {2, -2}, {3, 0}},
+        LinkCase{"SameObjectAcrossPlainTextOnce",
+                 {{3, 0}, {4, -1}, {2, -2}, {3, 0}},
                  {u"http://a.example/"}},
-        LinkCase{"EqualButDistinctObjectsTwice", {{3, 0}, {1, -1}, {3, 1}},
+        LinkCase{"EqualButDistinctObjectsTwice",
+                 {{3, 0}, {1, -1}, {3, 1}},
                  {u"http://a.example/", u"http://a.example/"}},
-        LinkCase{"ReturnToEarlierObject", {{3, 0}, {3, 5}, {3, 0}},
+        LinkCase{"ReturnToEarlierObject",
+                 {{3, 0}, {3, 5}, {3, 0}},
                  {u"http://a.example/", u"mailto:b@example", u"http://a.example/"}},
-        LinkCase{"OtherKindSkippedButRemembered", {{3, 0}, {3, 4}, {3, 0}, {3, 4}, {3, 2}},
+        LinkCase{"OtherKindSkippedButRemembered",
+                 {{3, 0}, {3, 4}, {3, 0}, {3, 4}, {3, 2}},
                  {u"http://a.example/", u"http://a.example/", u"http://example.com/"}},
         LinkCase{"EmptyRunsIgnored", {{0, 5}, {3, 0}, {0, 5}, {3, 0}}, {u"http://a.example/"}}),
     [](const auto& info) { return std::string(info.param.label); });

@@ -1,7 +1,8 @@
+#include "transcript/presentity.h"
+
 #include <gtest/gtest.h>
 
 #include "platform/testing/temp_home.h"
-#include "transcript/presentity.h"
 #include "transcript/tests/builders.h"
 
 namespace gab {
@@ -28,7 +29,9 @@ struct NameCase {
   std::optional<std::u16string> expected;
 };
 
-void PrintTo(const NameCase& c, std::ostream* os) { *os << c.label; }
+void PrintTo(const NameCase& c, std::ostream* os) {
+  *os << c.label;
+}
 
 class PresentityName : public ::testing::TestWithParam<NameCase> {
  protected:
@@ -115,8 +118,7 @@ TEST(Presentity, RichNameIsBoldHelveticaTwelveOverTheWholeName) {
 
 TEST(Presentity, Description) {
   EXPECT_EQ(Participant(u"AIM", u"bob")->Description(), u"bob on protocol AIM");
-  EXPECT_EQ(Participant(std::nullopt, std::nullopt)->Description(),
-            u"(null) on protocol (null)");
+  EXPECT_EQ(Participant(std::nullopt, std::nullopt)->Description(), u"(null) on protocol (null)");
 }
 
 TEST(Presentity, DecodesKeyedAndSequentialFields) {

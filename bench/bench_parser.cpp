@@ -5,11 +5,10 @@
 // unchanged parser run on its own, in process.
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <fcntl.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -28,7 +27,9 @@ namespace fs = std::filesystem;
 
 constexpr int kTranscripts = 1000;
 
-fs::path BuildDir() { return fs::read_symlink("/proc/self/exe").parent_path().parent_path(); }
+fs::path BuildDir() {
+  return fs::read_symlink("/proc/self/exe").parent_path().parent_path();
+}
 
 int Spawn(std::vector<std::string> argv, bool quiet = true) {
   posix_spawn_file_actions_t fa;
@@ -72,9 +73,9 @@ struct BenchHome {
     fs::path chats = home / "Documents/iChats";
     fs::create_directories(chats / "old");
     for (int i = 0; i < kTranscripts; ++i) {
-      auto chat = gab::fixtures::TypicalChat("friend" + std::to_string(i % 40),
-                                             1110294420 + i * 3600.0, 20, i % 2 == 0);
-      gab::fixtures::WriteChat((i % 10 ? chats : chats / "old").string(), chat);
+      auto chat = gab::samples::TypicalChat("friend" + std::to_string(i % 40),
+                                            1110294420 + i * 3600.0, 20, i % 2 == 0);
+      gab::samples::WriteChat((i % 10 ? chats : chats / "old").string(), chat);
     }
   }
   int AgentPass() { return Spawn({(BuildDir() / "agent/gabfolio-agent").string(), "-debug"}); }

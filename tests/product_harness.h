@@ -66,6 +66,10 @@ inline std::vector<std::string> ChildEnvironment(const std::vector<std::string>&
     if (v.rfind("DISPLAY=", 0) == 0 || v.rfind("WAYLAND_DISPLAY=", 0) == 0 ||
         v.rfind("DBUS_SESSION_BUS_ADDRESS=", 0) == 0)
       continue;
+    bool replaced = false;
+    for (const auto& x : extra)
+      replaced |= v.substr(0, v.find('=') + 1) == x.substr(0, x.find('=') + 1);
+    if (replaced) continue;
     env.push_back(v);
   }
   env.push_back("DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent");
@@ -150,9 +154,9 @@ struct Result {
 };
 
 // Runs a program to its end (at most `seconds`).
-inline Result Run(std::vector<std::string> argv, const fs::path& logDir,
-                  std::vector<std::string> extraEnv = {}, std::optional<std::string> input = {},
-                  double seconds = 120) {
+inline Result RunProgram(std::vector<std::string> argv, const fs::path& logDir,
+                         std::vector<std::string> extraEnv = {},
+                         std::optional<std::string> input = {}, double seconds = 120) {
   static int serial = 0;
   Process p(std::move(argv), logDir, "run" + std::to_string(++serial), std::move(extraEnv),
             std::move(input));
@@ -178,8 +182,8 @@ class SmtpSink {
   bool Start() {
     int out[2], in[2];
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return false;
-    std::vector<std::string> argv = {kPython, kSink, "--out", (dir_ / "mail").string(),
-                                     "--port", std::to_string(port_)};
+    std::vector<std::string> argv = {
+        kPython, kSink, "--out", (dir_ / "mail").string(), "--port", std::to_string(port_)};
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_adddup2(&fa, in[0], 0);

@@ -17,8 +17,8 @@
 namespace gab::product {
 namespace {
 
-using fixtures::Chat;
-using fixtures::ChatLine;
+using samples::Chat;
+using samples::ChatLine;
 
 constexpr double kMarch2005 = 1110294420;  // 2005-03-08 15:07 UTC
 
@@ -41,12 +41,12 @@ class ProductTest : public ::testing::Test {
   }
   Result Tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
-    return Run(args, home() / ".logs");
+    return RunProgram(args, home() / ".logs");
   }
   parser::Record Record() const { return parser::LoadRecord((lib() / "processed.plist").string()); }
   std::optional<parser::State> StateOf(const Chat& c) const {
     auto r = Record();
-    auto it = r.transcripts.find(fixtures::FileName(c));
+    auto it = r.transcripts.find(samples::FileName(c));
     if (it == r.transcripts.end()) return std::nullopt;
     return it->second.state;
   }
@@ -62,11 +62,11 @@ class ProductTest : public ::testing::Test {
   // saves, and a folder event the agent sees.
   void RenameIn(const Chat& c) {
     fs::create_directories(home() / "outside");
-    std::string p = fixtures::WriteChat((home() / "outside").string(), c);
-    fs::rename(p, chats() / fixtures::FileName(c));
+    std::string p = samples::WriteChat((home() / "outside").string(), c);
+    fs::rename(p, chats() / samples::FileName(c));
   }
   void CopyIn(const Chat& c) {
-    std::ofstream(chats() / fixtures::FileName(c), std::ios::binary) << fixtures::Archive(c);
+    std::ofstream(chats() / samples::FileName(c), std::ios::binary) << samples::Archive(c);
   }
 
   testing::TempHome home_;
@@ -86,7 +86,7 @@ Chat Conversation(const std::string& party, double start, int lines, int links, 
     l.text = "line " + std::to_string(i) + " of the chat with " + party;
     if (i < links) l.links.push_back("http://example.org/" + party + "/" + std::to_string(i));
     if (i < images)
-      l.attachments.push_back({"photo" + std::to_string(i) + ".png", fixtures::PngImage(4, 3)});
+      l.attachments.push_back({"photo" + std::to_string(i) + ".png", samples::PngImage(4, 3)});
     c.lines.push_back(l);
   }
   return c;
@@ -102,9 +102,8 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
   SmtpSink sink(home() / "sink");
   ASSERT_TRUE(sink.Start());
-  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()),
-                   "--to", "me@example.org", "--from", "gabfolio@example.org", "--no-login",
-                   "--no-test"});
+  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
+                   "me@example.org", "--from", "gabfolio@example.org", "--no-login", "--no-test"});
   ASSERT_EQ(r.status, 0) << r.err;
 
   Process agent({kAgent}, home() / ".logs", "agent", {"GABFOLIO_MAIL_RETRY_SECONDS=0"});
@@ -144,7 +143,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   // only those are added, the mail carries the whole chat again.
   Chat grown = Conversation("Anna", kMarch2005, 8, 2, 1, true);
   grown.lines[6].links = {"http://example.org/Anna/late"};
-  grown.lines[7].attachments = {{"late.png", fixtures::PngImage(3, 4)}};
+  grown.lines[7].attachments = {{"late.png", samples::PngImage(3, 4)}};
   RenameIn(grown);
   ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 4; })) << log();
   EXPECT_EQ(Subjects(sink)[3], "[IM] Anna");
@@ -154,7 +153,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   EXPECT_EQ(Statistic("linkcount"), 4);
   EXPECT_EQ(CountOf(ReadFile(lib() / "links.txt"), "http://example.org/Anna/0"), 2u)
       << "the link and its label, once";
-  EXPECT_EQ(Record().transcripts.at(fixtures::FileName(anna)).handled, 8);
+  EXPECT_EQ(Record().transcripts.at(samples::FileName(anna)).handled, 8);
 
   // The server goes away: the mail fails, stays pending, the library grows
   // all the same, and the error counter goes up.
@@ -190,9 +189,9 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   fs::create_directories(old / "2004");
   const int kCount = 120;
   for (int i = 0; i < kCount; ++i) {
-    Chat c = fixtures::TypicalChat("friend" + std::to_string(i % 7), kMarch2005 + i * 3600, 10,
-                                   i % 2 == 0);
-    fixtures::WriteChat((old / (i % 3 ? "" : "2004")).string(), c);
+    Chat c = samples::TypicalChat("friend" + std::to_string(i % 7), kMarch2005 + i * 3600, 10,
+                                  i % 2 == 0);
+    samples::WriteChat((old / (i % 3 ? "" : "2004")).string(), c);
   }
   std::ofstream(old / "Broken on 2005-01-01 at 10.00.ichat") << "not an archive";
   std::ofstream(old / "notes.chat") << "no party in the name";
@@ -243,7 +242,7 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   // Moved into the transcript folder afterwards, they are not new to the
   // parser either.
   fs::rename(old / "2004", chats() / "2004");
-  Result parse = Run({kParser, kParser}, home() / ".logs");
+  Result parse = RunProgram({kParser, kParser}, home() / ".logs");
   EXPECT_EQ(parse.status, 0) << parse.err;
   EXPECT_EQ(Statistic("chatcount"), kCount);
   EXPECT_EQ(parse.err.find("Processed"), std::string::npos) << parse.err;
@@ -251,8 +250,8 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
 
 TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   for (int i = 0; i < 5; ++i)
-    fixtures::WriteChat(chats().string(), fixtures::TypicalChat("p" + std::to_string(i),
-                                                                kMarch2005 + i * 60, 6, true));
+    samples::WriteChat(chats().string(),
+                       samples::TypicalChat("p" + std::to_string(i), kMarch2005 + i * 60, 6, true));
   // A held lock makes a second run wait; when the holder ends it goes on.
   parser::RunLock lock;
   ASSERT_TRUE(lock.Acquire(parser::LockPath(lib().string()), 0));
@@ -264,7 +263,7 @@ TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   EXPECT_EQ(Statistic("chatcount"), 5);
 
   std::string before = ReadFile(lib() / "processed.plist");
-  Result again = Run({kParser, kParser}, home() / ".logs");
+  Result again = RunProgram({kParser, kParser}, home() / ".logs");
   EXPECT_EQ(again.status, 0);
   EXPECT_EQ(again.err, "");
   EXPECT_EQ(ReadFile(lib() / "processed.plist"), before);

@@ -24,7 +24,7 @@ class SetupTest : public ::testing::Test {
   }
   Result Tool(std::vector<std::string> args, std::optional<std::string> input = {}) {
     args.insert(args.begin(), kTool);
-    return Run(args, home() / ".logs", {}, input);
+    return RunProgram(args, home() / ".logs", {}, input);
   }
 
   testing::TempHome home_;
@@ -39,8 +39,9 @@ TEST_F(SetupTest, FreshHomeGetsFoldersFilesAndDefaults) {
   EXPECT_EQ(ReadFile(lib() / "images.txt"), "");
   for (auto& e : fs::directory_iterator(GABFOLIO_SOURCE_DIR "/data")) {
     auto ext = e.path().extension();
-    if (ext == ".html" || ext == ".plist")
+    if (ext == ".html" || ext == ".plist") {
       EXPECT_EQ(ReadFile(lib() / e.path().filename()), ReadFile(e.path())) << e.path();
+    }
   }
   Preferences prefs = Prefs();
   EXPECT_EQ(prefs.String("parserPath"), fs::canonical(kParser).string());
@@ -115,8 +116,8 @@ TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
   SmtpSink sink(home() / "sink");
   ASSERT_TRUE(sink.Start());
-  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()),
-                   "--to", "me@example.org", "--from", "gabfolio@example.org", "--no-login"});
+  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
+                   "me@example.org", "--from", "gabfolio@example.org", "--no-login"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 1; }, 10));
   std::string mail = sink.Messages()[0];
@@ -145,7 +146,7 @@ TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
   std::string path = "PATH=" + bin.string() + ":/usr/bin:/bin";
   fs::path unit = home() / ".config/systemd/user/gabfolio-agent.service";
 
-  Result r = Run({kTool, "service", "install"}, home() / ".logs", {path});
+  Result r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
   ASSERT_EQ(r.status, 0) << r.err;
   std::string text = ReadFile(unit);
   EXPECT_NE(text.find("ExecStart=" + fs::canonical(kAgent).string() + "\n"), std::string::npos)
@@ -154,13 +155,13 @@ TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
   EXPECT_EQ(ReadFile(home() / "systemctl.log"),
             "--user daemon-reload\n--user enable --now gabfolio-agent.service\n");
 
-  r = Run({kTool, "service", "uninstall"}, home() / ".logs", {path});
+  r = RunProgram({kTool, "service", "uninstall"}, home() / ".logs", {path});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_FALSE(fs::exists(unit));
 
   // systemctl failing (no user session) is an error the user hears about.
   std::ofstream(bin / "systemctl") << "#!/bin/sh\nexit 1\n";
-  r = Run({kTool, "service", "install"}, home() / ".logs", {path});
+  r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("systemctl --user failed"), std::string::npos);
 }

@@ -112,6 +112,8 @@ void BM_RegenerateLinkPages(benchmark::State& state) {
   setenv("HOME", Home().home.c_str(), 1);
 }
 BENCHMARK(BM_RegenerateLinkPages)
+    ->Arg(25000)
+    ->Arg(100000)
     ->Unit(benchmark::kMillisecond)
     ->MeasureProcessCPUTime()
     ->UseRealTime();

@@ -1,0 +1,297 @@
+// The SMTP client against a real server on loopback.
+#include "delivery/cw_smtp.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "delivery/run_loop.h"
+#include "delivery/tests/smtp_fixture.h"
+#include "platform/text.h"
+
+namespace gab {
+namespace {
+
+using testing::SmtpServer;
+
+CWMessage SimpleMessage(std::u16string subject = u"Hello", std::string plain = "plain text\n",
+                        std::string html = "<b>html</b>\n") {
+  CWMessage m;
+  m.setSubject(subject);
+  m.setFrom(CWInternetAddress(std::string("Sender <sender@example.org>")));
+  CWInternetAddress to(std::string("rcpt@example.org"));
+  to.setType(CWInternetAddress::kTo);
+  m.addRecipient(to);
+  CWMIMEMultipart mp;
+  CWPart p1;
+  p1.setContentType("text/plain");
+  p1.setContent(ToUtf16(plain));
+  mp.addPart(p1);
+  CWPart p2;
+  p2.setContentType("text/html");
+  p2.setContent(html);
+  p2.setCharset("utf-8");
+  mp.addPart(p2);
+  m.setContentType("multipart/alternative");
+  m.setContentTransferEncoding(0);
+  m.setCharset("utf-8");
+  m.setContent(mp);
+  return m;
+}
+
+struct Login {
+  std::string user, password;
+};
+
+// Drives one transfer the way the mail code does and returns the callbacks
+// in the order they came, or "unreachable" when connect() failed.
+std::string Transfer(CWSMTP& smtp, std::optional<Login> login) {
+  std::string events;
+  bool done = false;
+  auto note = [&](const char* name, bool ends) {
+    if (!events.empty()) events += ",";
+    events += name;
+    done = done || ends;
+  };
+  CWSMTP::Delegate d;
+  d.authenticationCompleted = [&] {
+    note("authenticationCompleted", false);
+    smtp.sendMessage();
+  };
+  d.authenticationFailed = [&] { note("authenticationFailed", true); };
+  d.messageSent = [&] { note("messageSent", true); };
+  d.messageNotSent = [&] { note("messageNotSent", true); };
+  d.connectionTimedOut = [&] { note("connectionTimedOut", true); };
+  smtp.setDelegate(d);
+  if (smtp.connect() != 0) return "unreachable";
+  // Let the greeting be read first, as the one-second timer does.
+  RunLoop::Current().RunOnce(RunLoop::Clock::now());
+  if (!done) {
+    if (login) {
+      smtp.authenticate(login->user, login->password, "LOGIN");
+    } else {
+      smtp.sendMessage();
+    }
+  }
+  auto limit = RunLoop::Clock::now() + std::chrono::seconds(30);
+  while (!done && RunLoop::Clock::now() < limit)
+    if (!RunLoop::Current().RunOnce(limit)) break;
+  return events;
+}
+
+class SmtpTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!testing::HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+    CWSMTP::SetDefaultTimeout(3.0);
+  }
+  void TearDown() override { CWSMTP::SetDefaultTimeout(60.0); }
+};
+
+struct ProtocolCase {
+  const char* name;
+  std::vector<std::string> serverArgs;
+  std::optional<Login> login;
+  const char* events;
+  const char* lastResponse;  // nullptr: not checked
+  int delivered;
+};
+
+TEST_F(SmtpTest, ConversationOutcomes) {
+  const std::string multiLine = "550-first line\r\n550 5.1.1 no such user";
+  const ProtocolCase cases[] = {
+      {"plain send", {}, std::nullopt, "messageSent", "250 Message accepted", 1},
+      {"login accepted",
+       {"--user", "anna", "--password", "s3cret"},
+       Login{"anna", "s3cret"},
+       "authenticationCompleted,messageSent",
+       nullptr,
+       1},
+      {"login rejected",
+       {"--user", "anna", "--password", "s3cret"},
+       Login{"anna", "wrong"},
+       "authenticationFailed",
+       nullptr,
+       0},
+      {"login required but not given",
+       {"--user", "anna", "--password", "s3cret"},
+       std::nullopt,
+       "messageNotSent",
+       nullptr,
+       0},
+      {"rejected at DATA",
+       {"--mode", "reject"},
+       std::nullopt,
+       "messageNotSent",
+       "554 5.7.1 Message rejected",
+       0},
+      {"rejected at RCPT with a multi-line reply",
+       {"--mode", "reject", "--reject-at", "rcpt", "--reject-reply", multiLine},
+       std::nullopt,
+       "messageNotSent",
+       "550 5.1.1 no such user",
+       0},
+      {"silent server", {"--mode", "silent"}, std::nullopt, "connectionTimedOut", nullptr, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SmtpServer server(c.serverArgs);
+    ASSERT_NE(server.port(), 0);
+    CWSMTP smtp("127.0.0.1", server.port());
+    smtp.setMessage(SimpleMessage());
+    EXPECT_EQ(Transfer(smtp, c.login), c.events);
+    if (c.lastResponse) {
+      EXPECT_EQ(smtp.lastResponse(), c.lastResponse);
+    }
+    EXPECT_EQ(server.MessageCount(), c.delivered);
+    if (c.login && c.delivered) {
+      EXPECT_EQ(server.Message(1, "auth_user"), c.login->user);
+    }
+  }
+}
+
+TEST_F(SmtpTest, LoginRejectionLeavesTheServersReply) {
+  SmtpServer server({"--user", "anna", "--password", "s3cret"});
+  ASSERT_NE(server.port(), 0);
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(SimpleMessage());
+  EXPECT_EQ(Transfer(smtp, Login{"anna", "nope"}), "authenticationFailed");
+  EXPECT_EQ(smtp.lastResponse().substr(0, 4), "535 ");
+}
+
+TEST_F(SmtpTest, UnknownMechanismFailsAuthentication) {
+  SmtpServer server({});
+  ASSERT_NE(server.port(), 0);
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(SimpleMessage());
+  bool failed = false;
+  CWSMTP::Delegate d;
+  d.authenticationFailed = [&] { failed = true; };
+  smtp.setDelegate(d);
+  ASSERT_EQ(smtp.connect(), 0);
+  smtp.authenticate("a", "b", "CRAM-MD5");
+  while (!failed && RunLoop::Current().RunOnce()) {
+  }
+  EXPECT_TRUE(failed);
+}
+
+int UnusedPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+  socklen_t len = sizeof a;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  int port = ntohs(a.sin_port);
+  close(fd);
+  return port;
+}
+
+TEST(SmtpConnect, UnreachableServersFailAtConnect) {
+  struct Case {
+    std::string host;
+    int port;
+  } cases[] = {{"127.0.0.1", UnusedPort()},
+               {"", 25},
+               {"127.0.0.1", 0},
+               {"127.0.0.1", 70000},
+               {"no-such-host.invalid", 25}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.host + ":" + std::to_string(c.port));
+    CWSMTP smtp(c.host, c.port);
+    EXPECT_NE(smtp.connect(), 0);
+    EXPECT_FALSE(RunLoop::Current().HasSources());  // nothing will ever be reported
+  }
+}
+
+TEST_F(SmtpTest, StartTLSWithTheTestAuthority) {
+  testing::TestCertificates certs;
+  ASSERT_TRUE(certs.ok()) << "openssl could not make the test certificates";
+  SmtpServer server(
+      {"--cert", certs.cert(), "--key", certs.key(), "--user", "anna", "--password", "s3cret"});
+  ASSERT_NE(server.port(), 0);
+  {
+    testing::ScopedCAFile ca(certs.ca());
+    CWSMTP smtp("localhost", server.port());
+    smtp.setMessage(SimpleMessage());
+    EXPECT_EQ(Transfer(smtp, Login{"anna", "s3cret"}), "authenticationCompleted,messageSent");
+    EXPECT_EQ(server.Message(1, "tls"), "yes");
+  }
+  // Without the test authority the certificate is not trusted: nothing is
+  // sent, and above all not the password.
+  CWSMTP smtp("localhost", server.port());
+  smtp.setMessage(SimpleMessage());
+  EXPECT_EQ(Transfer(smtp, Login{"anna", "s3cret"}), "messageNotSent");
+  EXPECT_EQ(server.MessageCount(), 1);
+}
+
+TEST_F(SmtpTest, StartTLSChecksTheHostName) {
+  // A trusted certificate, but for another host.
+  testing::TestCertificates certs("DNS:mail.example.org");
+  ASSERT_TRUE(certs.ok());
+  SmtpServer server({"--cert", certs.cert(), "--key", certs.key()});
+  ASSERT_NE(server.port(), 0);
+  testing::ScopedCAFile ca(certs.ca());
+  CWSMTP smtp("localhost", server.port());
+  smtp.setMessage(SimpleMessage());
+  EXPECT_EQ(Transfer(smtp, std::nullopt), "messageNotSent");
+  EXPECT_EQ(server.MessageCount(), 0);
+}
+
+TEST_F(SmtpTest, ImplicitTLS) {
+  testing::TestCertificates certs;
+  ASSERT_TRUE(certs.ok());
+  SmtpServer server({"--cert", certs.cert(), "--key", certs.key(), "--implicit-tls"});
+  ASSERT_NE(server.port(), 0);
+  testing::ScopedCAFile ca(certs.ca());
+  CWSMTP smtp("localhost", server.port());
+  smtp.setImplicitTLS(true);
+  smtp.setMessage(SimpleMessage());
+  EXPECT_EQ(Transfer(smtp, std::nullopt), "messageSent");
+  EXPECT_EQ(server.Message(1, "tls"), "yes");
+}
+
+TEST_F(SmtpTest, BodiesArriveIntactWhateverTheirLines) {
+  // Lines starting with dots, bare CRs and LFs, a line far past 998 octets,
+  // non-ASCII text and "=" signs.
+  std::string longLine(5000, 'x');
+  std::string plain = ".\n..leading dots\r\nbare\rCR\n" + longLine + "\nend = é\n";
+  std::string html = "<p>" + longLine + "</p>\n.<br>\n=3D \xe2\x82\xac\n";
+  SmtpServer server({});
+  ASSERT_NE(server.port(), 0);
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(SimpleMessage(u"Dots", plain, html));
+  ASSERT_EQ(Transfer(smtp, std::nullopt), "messageSent");
+  std::string raw = server.Message(1, "raw");
+  size_t start = 0;
+  while (start < raw.size()) {
+    size_t end = raw.find("\r\n", start);
+    if (end == std::string::npos) end = raw.size();
+    EXPECT_LE(end - start, 998u);
+    start = end + 2;
+  }
+  // Text parts come out with CR LF line ends, whatever went in.
+  EXPECT_EQ(server.Message(1, "part-0.body"),
+            ".\r\n..leading dots\r\nbare\r\nCR\r\n" + longLine + "\r\nend = \xc3\xa9\r\n");
+  EXPECT_EQ(server.Message(1, "part-1.body"),
+            "<p>" + longLine + "</p>\r\n.<br>\r\n=3D \xe2\x82\xac\r\n");
+}
+
+TEST(SmtpData, StuffingAndLineEnds) {
+  struct Case {
+    std::string in, out;
+  } cases[] = {
+      {"", ".\r\n"},
+      {"a", "a\r\n.\r\n"},
+      {"a\r\n", "a\r\n.\r\n"},
+      {".", "..\r\n.\r\n"},
+      {"a\n.b\n..c\r\n.", "a\r\n..b\r\n...c\r\n..\r\n.\r\n"},
+      {"a\rb\n\nc", "a\r\nb\r\n\r\nc\r\n.\r\n"},
+      {"x.y\n", "x.y\r\n.\r\n"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(SMTPDataStream(c.in), c.out) << c.in;
+}
+
+}  // namespace
+}  // namespace gab

@@ -1,0 +1,247 @@
+// What arrives at the server: the welcome mail and a transcript's mail, and
+// the agent's first start sending the welcome mail.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "delivery/cw_smtp.h"
+#include "delivery/tests/smtp_fixture.h"
+#include "delivery/tests/test_home.h"
+#include "delivery/transcript_mail.h"
+#include "delivery/welcome_email.h"
+#include "platform/text.h"
+#include "transcript/chat_log.h"
+
+namespace gab {
+namespace {
+
+using testing::ResetPrefs;
+using testing::SmtpServer;
+using testing::StoredPref;
+
+class MailLayoutTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!testing::HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+    CWSMTP::SetDefaultTimeout(3.0);
+  }
+  void TearDown() override { CWSMTP::SetDefaultTimeout(60.0); }
+};
+
+// The header block of a raw message, unfolded, one "Name: value" a line.
+std::vector<std::string> Headers(const std::string& raw) {
+  std::vector<std::string> out;
+  size_t pos = 0;
+  while (pos < raw.size()) {
+    size_t end = raw.find("\r\n", pos);
+    if (end == std::string::npos || end == pos) break;
+    std::string line = raw.substr(pos, end - pos);
+    if ((line[0] == ' ' || line[0] == '\t') && !out.empty()) {
+      out.back() += line;
+    } else {
+      out.push_back(line);
+    }
+    pos = end + 2;
+  }
+  return out;
+}
+
+std::string Header(const std::vector<std::string>& headers, const std::string& name) {
+  for (const auto& h : headers)
+    if (h.rfind(name + ": ", 0) == 0) return h.substr(name.size() + 2);
+  return "<absent>";
+}
+
+std::map<std::string, PrefValue> MailPrefs(int port) {
+  return {{"sendEmails", true},
+          {"emailServer", std::string("127.0.0.1")},
+          {"emailPort", int64_t(port)},
+          {"emailAddress", std::string("Zoë Example <zoe@example.org>")},
+          {"emailOutgoing", std::string("gabfolio@example.org")}};
+}
+
+// Checks the parts of a stored message: multipart/alternative, plain then
+// HTML, the HTML in UTF-8.
+void ExpectLayout(const SmtpServer& server, const std::string& plainCharset) {
+  std::string raw = server.Message(1, "raw");
+  auto headers = Headers(raw);
+  EXPECT_EQ(Header(headers, "MIME-Version"), "1.0");
+  std::smatch m;
+  std::string type = Header(headers, "Content-Type");
+  ASSERT_TRUE(std::regex_match(
+      type, m, std::regex(R"re(multipart/alternative; charset="utf-8";\tboundary="([^"]+)")re")))
+      << type;
+  std::string boundary = m[1];
+  // Exactly two parts and the closing delimiter.
+  size_t count = 0;
+  for (size_t p = raw.find("\r\n--" + boundary + "\r\n"); p != std::string::npos;
+       p = raw.find("\r\n--" + boundary + "\r\n", p + 1))
+    ++count;
+  EXPECT_EQ(count, 2u);
+  EXPECT_NE(raw.find("\r\n--" + boundary + "--\r\n"), std::string::npos);
+  EXPECT_EQ(server.Message(1, "part-0.type"), "text/plain");
+  EXPECT_EQ(server.Message(1, "part-0.charset"), plainCharset);
+  EXPECT_EQ(server.Message(1, "part-1.type"), "text/html");
+  EXPECT_EQ(server.Message(1, "part-1.charset"), "utf-8");
+  EXPECT_EQ(server.Message(1, "mail_from"), "gabfolio@example.org");
+  EXPECT_EQ(server.Message(1, "rcpt_tos"), "zoe@example.org");
+  EXPECT_EQ(Header(headers, "From"), "<gabfolio@example.org>");
+  EXPECT_EQ(Header(headers, "To"), "=?utf-8?B?Wm/DqyBFeGFtcGxl?= <zoe@example.org>");
+}
+
+TEST_F(MailLayoutTest, WelcomeMail) {
+  SmtpServer server({});
+  ASSERT_NE(server.port(), 0);
+  ResetPrefs(MailPrefs(server.port()));
+  SendWelcomingEmail();
+  ASSERT_EQ(server.MessageCount(), 1);
+  ExpectLayout(server, "us-ascii");
+  EXPECT_EQ(Header(Headers(server.Message(1, "raw")), "Subject"), "[IM] Welcome to Gabfolio!");
+
+  std::string plain = server.Message(1, "part-0.body");
+  EXPECT_EQ(plain.rfind("Welcome to Gabfolio!\r\n\r\n", 0), 0u);
+  EXPECT_TRUE(plain.ends_with("\r\n\r\nThanks for trying Gabfolio!\r\n"));
+  size_t paragraphs = 1;
+  for (size_t p = plain.find("\r\n\r\n"); p != std::string::npos; p = plain.find("\r\n\r\n", p + 4))
+    ++paragraphs;
+  EXPECT_EQ(paragraphs, 4u);
+
+  std::string html = server.Message(1, "part-1.body");
+  EXPECT_EQ(html.rfind("<html>\r\n<h3>", 0), 0u);
+  EXPECT_TRUE(html.ends_with("</html>\r\n"));
+  for (const char* absent : {"<head", "<body", "<p>", "<br"})
+    EXPECT_EQ(html.find(absent), std::string::npos) << absent;
+  // The headings and tips in their order.
+  size_t tips = html.find("<h3>Tips for Using Gabfolio</h3>");
+  size_t list = html.find("<ul>");
+  size_t support = html.find("<h3>Technical Support</h3>");
+  EXPECT_TRUE(tips != std::string::npos && tips < list && list < support);
+  size_t items = 0;
+  for (size_t p = html.find("<li>"); p != std::string::npos; p = html.find("<li>", p + 1)) ++items;
+  EXPECT_EQ(items, 3u);
+  EXPECT_EQ(html.find("</li>"), std::string::npos);
+  EXPECT_NE(html.find("\"[IM]\""), std::string::npos);
+  EXPECT_NE(html.find("Applications &gt; Utilities &gt; Console"), std::string::npos);
+  EXPECT_NE(html.find("<a href=\"https://gabfolio.example.org/support/\">"), std::string::npos);
+  EXPECT_TRUE(
+      html.ends_with("Thanks for trying Gabfolio!\r\n<a href=\"https://gabfolio.example.org/\">"
+                     "https://gabfolio.example.org/</a>\r\n</html>\r\n"));
+}
+
+TEST_F(MailLayoutTest, NoWelcomeMailWhenMailIsOff) {
+  // A server that counts connections: none may be made.
+  SmtpServer server({"--mode", "silent"});
+  ASSERT_NE(server.port(), 0);
+  for (auto off : {PrefValue(false), PrefValue(std::string("NO")), PrefValue(int64_t(0))}) {
+    auto prefs = MailPrefs(server.port());
+    prefs["sendEmails"] = off;
+    ResetPrefs(prefs);
+    ::testing::internal::CaptureStderr();
+    SendWelcomingEmail();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  }
+  auto prefs = MailPrefs(server.port());
+  prefs.erase("sendEmails");
+  ResetPrefs(prefs);
+  SendWelcomingEmail();
+  usleep(200000);
+  EXPECT_EQ(server.Connections(), 0);
+  EXPECT_FALSE(StoredPref("reportThis").has_value());
+}
+
+TEST_F(MailLayoutTest, TranscriptMail) {
+  SmtpServer server({});
+  ASSERT_NE(server.port(), 0);
+  ResetPrefs(MailPrefs(server.port()));
+  auto message = std::make_shared<ICLPInstantMessage>();
+  message->speaker = std::make_shared<ICLPPresentity>();
+  message->speaker->protocol = u"Jabber";
+  message->speaker->name = u"Zoë";
+  message->string = std::make_shared<AttributedString>();
+  message->string->Append(u".hi ☃ <i>there</i>", nullptr);
+  auto log = ICLPChatLog::FromParts(u"Zoë", {message});
+  EXPECT_FALSE(SendTranscriptMail(*log));
+  ASSERT_EQ(server.MessageCount(), 1);
+  ExpectLayout(server, "utf-8");
+  auto headers = Headers(server.Message(1, "raw"));
+  EXPECT_EQ(Header(headers, "Subject"), "=?utf-8?B?W0lNXSBab8Or?=");
+  EXPECT_EQ(server.Message(1, "subject"), "[IM] Zoë");
+  EXPECT_EQ(server.Message(1, "part-0.body"),
+            "Sent by Gabfolio ( https://gabfolio.example.org/ )Zoë: .hi ☃ <i>there</i>\r\n");
+  EXPECT_EQ(server.Message(1, "part-1.body"),
+            "<html><head><title>Gabfolio log</title></head><body>"
+            "<font face=\"Helvetica-Bold\" point-size=\"12\">Zoë</font>: .hi ☃ <i>there</i>\r\n"
+            "\r\n<br>\r\n<br><hr><i>Sent by <a href=\"https://gabfolio.example.org/\">Gabfolio"
+            "</a>.</i></body></html>");
+}
+
+TEST_F(MailLayoutTest, HeaderValuesAreEncodedWhenNeeded) {
+  struct Case {
+    std::u16string subject;
+    std::string header;
+  } cases[] = {
+      {u"[IM] Anna", "[IM] Anna"},
+      {u"[IM] Anna\r\nBcc: x@example.org", "=?utf-8?B?W0lNXSBBbm5hDQpCY2M6IHhAZXhhbXBsZS5vcmc=?="},
+      {u"[IM] \U0001F600", "=?utf-8?B?W0lNXSDwn5iA?="},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(mime::EncodeHeaderValue(ToUtf8(c.subject)), c.header) << ToUtf8(c.subject);
+  // Long values are split into words of at most 75 characters, never inside
+  // a character.
+  std::string longSubject;
+  for (int i = 0; i < 100; ++i) longSubject += "é";
+  std::string encoded = mime::EncodeHeaderValue(longSubject);
+  size_t start = 0;
+  int words = 0;
+  while (start <= encoded.size()) {
+    size_t end = encoded.find("\r\n ", start);
+    std::string word = encoded.substr(start, end == std::string::npos ? end : end - start);
+    EXPECT_LE(word.size(), 75u);
+    EXPECT_TRUE(word.starts_with("=?utf-8?B?") && word.ends_with("?="));
+    ++words;
+    if (end == std::string::npos) break;
+    start = end + 3;
+  }
+  EXPECT_EQ(words, 5);  // 200 bytes in pieces of at most 44
+}
+
+TEST_F(MailLayoutTest, AgentSendsTheWelcomeMailOnItsFirstStart) {
+  const std::string agent = GABFOLIO_BINARY_DIR "/agent/gabfolio-agent";
+  if (!std::filesystem::exists(agent)) GTEST_SKIP() << "the agent is not built";
+  SmtpServer server({});
+  ASSERT_NE(server.port(), 0);
+  std::string home = testing::MakeTempDir("agenthome");
+  std::filesystem::create_directories(home + "/Library/Gabfolio");
+  std::filesystem::create_directories(home + "/Documents/iChats");
+  {
+    Preferences prefs(home + "/Library/Preferences/com.tidewrack.gabfolio.plist");
+    for (const auto& [k, v] : MailPrefs(server.port())) prefs.SetAppValue(k, v);
+    prefs.AppSynchronize();
+  }
+  for (int run = 0; run < 2; ++run) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      setenv("HOME", home.c_str(), 1);
+      int null = open("/dev/null", O_WRONLY);
+      dup2(null, 1);
+      dup2(null, 2);
+      execl(agent.c_str(), agent.c_str(), "-debug", nullptr);
+      _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  // Sent once: the second start finds the mark.
+  EXPECT_EQ(server.MessageCount(), 1);
+  EXPECT_EQ(server.Message(1, "subject"), "[IM] Welcome to Gabfolio!");
+  Preferences after(home + "/Library/Preferences/com.tidewrack.gabfolio.plist");
+  EXPECT_TRUE(after.Bool("sentWelcomeEmail"));
+  std::error_code ec;
+  std::filesystem::remove_all(home, ec);
+}
+
+}  // namespace
+}  // namespace gab

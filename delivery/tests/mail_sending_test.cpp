@@ -1,0 +1,230 @@
+// HandleEmailSending and its callbacks against a real server: outcomes,
+// log lines, reported codes and texts, and the unique subjects.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+
+#include "delivery/cw_smtp.h"
+#include "delivery/run_loop.h"
+#include "delivery/tests/smtp_fixture.h"
+#include "delivery/tests/test_home.h"
+#include "delivery/transcript_mail.h"
+#include "platform/text.h"
+#include "transcript/chat_log.h"
+#include "transcript/process_flags.h"
+
+namespace gab {
+namespace {
+
+using testing::LogMessages;
+using testing::ResetPrefs;
+using testing::SmtpServer;
+using testing::StoredPref;
+
+class MailSendingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!testing::HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+    CWSMTP::SetDefaultTimeout(3.0);
+  }
+  void TearDown() override {
+    CWSMTP::SetDefaultTimeout(60.0);
+    keepRunning = 1;
+  }
+};
+
+// The lines our mail code writes (alerts and others are left out).
+std::vector<std::string> MailLines(const std::string& captured) {
+  std::vector<std::string> out;
+  bool afterError = false;
+  for (auto& m : LogMessages(captured)) {
+    bool ours = afterError || m.find("mail") != std::string::npos ||
+                m.find("SMTP") != std::string::npos || m.find("email") != std::string::npos;
+    afterError = m == "An error occurred while sending email:";
+    if (ours) out.push_back(m);
+  }
+  return out;
+}
+
+struct Outcome {
+  const char* name;
+  std::vector<std::string> serverArgs;
+  std::map<std::string, PrefValue> prefs;
+  bool result;
+  std::vector<std::string> log;
+  std::optional<std::u16string> reportThis;  // nullopt: no report
+  int code;                                  // errorStatus (emailFails stands at 3)
+  int delivered;
+};
+
+TEST_F(MailSendingTest, OutcomesLogLinesAndReports) {
+  const std::map<std::string, PrefValue> login = {{"emailNeedsUsername", int64_t(1)},
+                                                  {"emailUsername", std::string("anna")},
+                                                  {"emailPassword", std::string("s3cret")}};
+  auto with = [](std::map<std::string, PrefValue> a, const std::map<std::string, PrefValue>& b) {
+    a.insert(b.begin(), b.end());
+    return a;
+  };
+  // aiosmtpd's "530 5.7.0 Authentication required", as 16-bit units.
+  const std::u16string kAuthRequired =
+      u"\u3335\u2030\u2e35\u2e37\u2030\u7541\u6874\u6e65\u6974\u6163\u6974\u6e6f\u7220"
+      u"\u7165\u6975\u6572";
+  const std::vector<std::string> authServer = {"--user", "anna", "--password", "s3cret"};
+  const Outcome cases[] = {
+      {"sent", {}, {}, false, {}, std::nullopt, 0, 1},
+      {"sent after login", authServer, login, false, {}, std::nullopt, 0, 1},
+      {"login rejected",
+       authServer,
+       with({{"emailPassword", std::string("wrong")}}, login),
+       false,
+       {"The SMTP server rejected the username/password."},
+       u"login rejected",
+       3,
+       0},
+      // A stored user name alone does not make us log in; this server
+      // insists, so the message is refused.
+      {"no login without emailNeedsUsername",
+       authServer,
+       with({{"emailNeedsUsername", int64_t(0)}}, login),
+       false,
+       {"An error occurred while sending email:", ToUtf8(kAuthRequired)},
+       kAuthRequired,
+       2,
+       0},
+      // "550 nope": the reply's bytes taken two at a time, low byte first.
+      {"refused",
+       {"--mode", "reject", "--reject-reply", "550 nope"},
+       {},
+       false,
+       {"An error occurred while sending email:", "\u3535\u2030\u6f6e\u6570"},
+       u"\u3535\u2030\u6f6e\u6570",
+       2,
+       0},
+      {"refused, odd length, last line of several",
+       {"--mode", "reject", "--reject-at", "rcpt", "--reject-reply", "550-first\r\n550 nope!"},
+       {},
+       false,
+       {"An error occurred while sending email:", "\u3535\u2030\u6f6e\u6570"},
+       u"\u3535\u2030\u6f6e\u6570",
+       2,
+       0},
+      // Units no preferences file can hold (a control, a lone surrogate)
+      // become "?", so that the stored text is the logged one.
+      {"refused with awkward bytes",
+       {"--mode", "reject", "--escaped", "--reject-reply", "554 \\x01\\x00a\\u0600"},
+       {},
+       false,
+       {"An error occurred while sending email:", "\u3535\u2034??"},
+       u"\u3535\u2034??",
+       2,
+       0},
+      {"silent server",
+       {"--mode", "silent"},
+       {},
+       false,
+       {"The attempt to send email timed out."},
+       u"server not responding",
+       2,
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SmtpServer server(c.serverArgs);
+    ASSERT_NE(server.port(), 0);
+    auto prefs = c.prefs;
+    prefs["emailFails"] = int64_t(3);
+    ResetPrefs(prefs);
+    CWSMTP smtp("127.0.0.1", server.port());
+    smtp.setMessage(BuildMail(u"[IM] Test", std::string("me@example.org"),
+                              std::string("you@example.org"), u"plain\n", "<b>html</b>"));
+    ICLPChatLog log;
+    ::testing::internal::CaptureStderr();
+    bool result = log.HandleEmailSending(smtp);
+    std::string captured = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(result, c.result);
+    EXPECT_EQ(MailLines(captured), c.log) << captured;
+    auto report = StoredPref("reportThis");
+    if (c.reportThis) {
+      EXPECT_EQ(StringValue(report).value_or("<none>"), ToUtf8(*c.reportThis));
+    } else {
+      EXPECT_FALSE(report.has_value());
+    }
+    EXPECT_EQ(IntValue(StoredPref("errorStatus")), c.code);
+    EXPECT_EQ(server.MessageCount(), c.delivered);
+    EXPECT_FALSE(RunLoop::Current().HasSources());  // nothing left to fire later
+  }
+}
+
+TEST_F(MailSendingTest, UnreachableServerReportsWithoutATimer) {
+  ResetPrefs({{"emailFails", int64_t(3)}});
+  CWSMTP smtp("127.0.0.1", 1);  // nothing listens on port 1
+  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
+  ICLPChatLog log;
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(log.HandleEmailSending(smtp));
+  auto lines = MailLines(::testing::internal::GetCapturedStderr());
+  EXPECT_EQ(lines, std::vector<std::string>{"Unable to connect to mail server."});
+  EXPECT_EQ(StringValue(StoredPref("reportThis")), "SMTP unreachable");
+  EXPECT_EQ(IntValue(StoredPref("errorStatus")), 2);
+  EXPECT_FALSE(RunLoop::Current().HasSources());
+}
+
+TEST_F(MailSendingTest, StopRequestEndsTheWait) {
+  SmtpServer server({"--mode", "silent"});
+  ASSERT_NE(server.port(), 0);
+  ResetPrefs({});
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
+  ICLPChatLog log;
+  // The termination handler clears the flag; the wait sees it after the
+  // first turn of the run loop.
+  RunLoop::Current().Post([] { keepRunning = 0; });
+  EXPECT_TRUE(log.HandleEmailSending(smtp));
+  EXPECT_FALSE(StoredPref("reportThis").has_value());
+  EXPECT_FALSE(RunLoop::Current().HasSources());
+}
+
+TEST_F(MailSendingTest, RunLoopWithNothingToWaitForIsReported) {
+  SmtpServer server({"--mode", "silent"});
+  ASSERT_NE(server.port(), 0);
+  ResetPrefs({{"emailFails", int64_t(3)}});
+  CWSMTP smtp("127.0.0.1", server.port());
+  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
+  ICLPChatLog log;
+  // Something withdraws the transfer's timer and reads: the wait would never end.
+  RunLoop::Current().Post([&smtp] { RunLoop::Current().CancelAll(&smtp); });
+  ::testing::internal::CaptureStderr();
+  EXPECT_TRUE(log.HandleEmailSending(smtp));
+  auto lines = MailLines(::testing::internal::GetCapturedStderr());
+  EXPECT_EQ(lines, std::vector<std::string>{"Error waiting for email transmission runloop."});
+  EXPECT_EQ(StringValue(StoredPref("reportThis")), "runloop error");
+  EXPECT_EQ(IntValue(StoredPref("errorStatus")), 4);
+}
+
+TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
+  auto log = ICLPChatLog::FromParts(u"Zoë", {});
+  ResetPrefs({{"subjectNumber", int64_t(5)}});
+  EXPECT_EQ(log->subjectForEmail(), u"[IM] Zoë");
+  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 5);
+
+  ResetPrefs({{"forceUniqueSubjects", true}, {"subjectNumber", int64_t(5)}});
+  std::u16string first = log->subjectForEmail();
+  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 6);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  std::u16string second = log->subjectForEmail();
+  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 7);
+  EXPECT_NE(first, second);
+  const std::regex shape(
+      R"(\[IM\] Zoë \([A-Z][a-z]{2} [A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \S+ \d{4}\))");
+  EXPECT_TRUE(std::regex_match(ToUtf8(first), shape)) << ToUtf8(first);
+  EXPECT_TRUE(std::regex_match(ToUtf8(second), shape)) << ToUtf8(second);
+
+  // Starting from nothing.
+  ResetPrefs({{"forceUniqueSubjects", std::string("YES")}});
+  log->subjectForEmail();
+  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 1);
+}
+
+}  // namespace
+}  // namespace gab

@@ -1,0 +1,102 @@
+// gabfolio convert FILE --to text|html [-o OUT]: writes a transcript's
+// plain-text or HTML rendering (the same ones its mail carries) to standard
+// output or to a file, so an old archive can be read without sending mail.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "platform/files.h"
+#include "platform/log.h"
+#include "platform/text.h"
+#include "tool/commands.h"
+#include "transcript/chat_log.h"
+
+namespace gab::tool {
+
+namespace {
+
+const char kConvertUsage[] =
+    "usage: gabfolio convert FILE --to text|html [-o OUT]\n"
+    "\n"
+    "Renders an iChat transcript as the mails of Gabfolio carry it:\n"
+    "  --to text   the plain-text transcript (UTF-8)\n"
+    "  --to html   the HTML document (UTF-8)\n"
+    "  -o OUT      write to the file OUT (replaced whole) instead of standard output\n"
+    "\n"
+    "FILE is an iChat 2 transcript (.chat) or an iChat 3 transcript (.ichat)\n"
+    "named \"<party> on <date>.<extension>\".  The HTML is not sanitised: it holds\n"
+    "the chat's text and links as they were sent.\n"
+    "\n"
+    "Exit status: 0 written, 1 the file could not be read, decoded or written, 2 usage.\n";
+
+int Usage(const char* problem) {
+  if (problem) std::fprintf(stderr, "gabfolio convert: %s\n", problem);
+  std::fputs(kConvertUsage, stderr);
+  return kUsage;
+}
+
+}  // namespace
+
+int RunConvert(int argc, char** argv) {
+  std::optional<std::string> file, format, output;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kConvertUsage, stdout);
+      return kOk;
+    }
+    if (arg == "--to" || arg == "-o") {
+      if (i + 1 >= argc) return Usage((arg + " needs a value").c_str());
+      auto& slot = arg == "--to" ? format : output;
+      if (slot) return Usage((arg + " given twice").c_str());
+      slot = argv[++i];
+    } else if (arg.rfind("--to=", 0) == 0) {
+      if (format) return Usage("--to given twice");
+      format = arg.substr(5);
+    } else if (arg == "--") {
+      if (i + 2 != argc || file) return Usage("one FILE expected");
+      file = argv[++i];
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      return Usage(("unknown option " + EscapeControlCharacters(arg)).c_str());
+    } else {
+      if (file) return Usage("one FILE expected");
+      file = arg;
+    }
+  }
+  if (!file || file->empty()) return Usage("no FILE given");
+  if (!format) return Usage("--to text or --to html is required");
+  if (*format != "text" && *format != "html")
+    return Usage(("unknown format " + EscapeControlCharacters(*format)).c_str());
+  if (output && output->empty()) return Usage("-o needs a file name");
+
+  std::string why;
+  auto log = ICLPChatLog::InitWithFilePath(*file, &why);
+  if (!log) {
+    std::fprintf(stderr, "gabfolio convert: %s: %s\n", EscapeControlCharacters(*file).c_str(),
+                 EscapeControlCharacters(why).c_str());
+    return kFailure;
+  }
+  std::string bytes = *format == "text" ? ToUtf8(log->PlainChatLog()) : log->HTMLChatLog();
+
+  if (output) {
+    std::string error;
+    if (!WriteFileAtomically(*output, bytes, 0644, &error)) {
+      std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",
+                   EscapeControlCharacters(*output).c_str(),
+                   EscapeControlCharacters(error).c_str());
+      return kFailure;
+    }
+    return kOk;
+  }
+  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
+      std::fflush(stdout) != 0) {
+    std::fprintf(stderr, "gabfolio convert: cannot write the output: %s\n", std::strerror(errno));
+    return kFailure;
+  }
+  return kOk;
+}
+
+}  // namespace gab::tool

@@ -94,7 +94,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   std::unique_ptr<ICLPChatLog> log = library_.Load(full, &reason);
   if (!log) {
     if (reason.empty()) reason = "not a transcript";
-    NSLog(f.relativePath + " is unreadable: " + reason);
+    // The loader has logged why (one line); the record keeps the reason.
     e.state = State::kUnreadable;
     e.reason = reason;
     summary_.unreadable.emplace_back(f.relativePath, reason);

@@ -87,8 +87,8 @@ std::map<std::string, std::string> ReadManifest(const fs::path& path) {
 }
 
 bool SuppliedKind(const fs::path& p) {
-  static const char* kinds[] = {".html", ".plist", ".png", ".icns", ".ico", ".svg",
-                                ".css",  ".gif",   ".jpg", ".jpeg", ".txt"};
+  static const char* kinds[] = {".html", ".plist", ".png", ".icns", ".ico",
+                                ".svg",  ".css",   ".gif", ".jpg",  ".jpeg"};
   std::string ext = p.extension().string();
   for (const char* k : kinds)
     if (ext == k) return p.filename() != "CMakeLists.txt";

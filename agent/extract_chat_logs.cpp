@@ -59,6 +59,9 @@ void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
     return;
   }
   if (pid == 0) {
+    // Until the exec, a termination signal must not run the agent's handler.
+    ::signal(SIGTERM, SIG_DFL);
+    ::signal(SIGQUIT, SIG_DFL);
     if (parserPath) {
       const char* path = parserPath->c_str();
       if (::execl(path, path, static_cast<char*>(nullptr)) == 0) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "library/log_generator.h"
+#include "platform/data_folder.h"
 #include "platform/files.h"
 #include "platform/home.h"
 #include "transcript/chat_log.h"
@@ -53,27 +54,6 @@ std::string FormatFixed(double value, int decimals) {
   std::snprintf(big.data(), big.size(), "%.*f", decimals, value);
   big.resize(size_t(n));
   return big;
-}
-
-ChatFigures CountChatWords(const ICLPChatLog& transcript, const WordSet* curses,
-                           const WordSet* slang) {
-  ChatFigures f;
-  const std::u16string& party = transcript.primaryOtherParty();
-  for (const auto& message : transcript.Messages()) {
-    if (!message) continue;
-    // The speaker's name is resolved once per message, not once per count.
-    std::optional<std::u16string> speaker = message->Speaker();
-    if (!speaker) continue;  // status lines without a sender count for nobody
-    const bool other = *speaker == party;
-    int32_t& words = other ? f.otherWords : f.userWords;
-    int32_t& cursing = other ? f.otherCurses : f.userCurses;
-    int32_t& slanging = other ? f.otherSlang : f.userSlang;
-    const int32_t all = message->wordCountInSet(nullptr);
-    words = Sum(words, all);
-    cursing = Sum(cursing, curses ? message->wordCountInSet(curses) : all);
-    slanging = Sum(slanging, slang ? message->wordCountInSet(slang) : all);
-  }
-  return f;
 }
 
 std::string FillStatisticsTemplate(std::string page, const StatisticsTotals& t) {
@@ -135,7 +115,16 @@ void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog* transcript) {
 
   ChatFigures chat;
   if (transcript) {
-    chat = CountChatWords(*transcript, curses ? &*curses : nullptr, slang ? &*slang : nullptr);
+    // One pass over the messages gives the six counts in their order: user
+    // and other words, curses, slang.
+    const ICLPChatLog::WordCounts words =
+        transcript->CountWords(curses ? &*curses : nullptr, slang ? &*slang : nullptr);
+    chat.userWords = words.userWords;
+    chat.otherWords = words.otherWords;
+    chat.userCurses = words.userCurses;
+    chat.otherCurses = words.otherCurses;
+    chat.userSlang = words.userSlang;
+    chat.otherSlang = words.otherSlang;
     for (const ImageEntry& entry : transcript->GatheredImages())
       chat.images = Sum(chat.images, int32_t(entry.images.size()));
     for (const LinkEntry& entry : transcript->GatheredURLs())
@@ -148,11 +137,11 @@ void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog* transcript) {
 
   // Write failures are not reported: the next chat writes both files again.
   PlistPtr store = StatisticsStore(totals);
-  WritePlistFile(storePath, store.get());
+  WriteStoreIntoDataFolder(kStoreName, PlistToXml(store.get()));
 
   std::optional<std::string> page = ReadWholeFile(folder + "/" + kTemplateName);
   if (!page) return;
-  WriteFileAtomically(folder + "/" + kPageName, FillStatisticsTemplate(std::move(*page), totals));
+  WriteIntoDataFolder("", kPageName, FillStatisticsTemplate(std::move(*page), totals));
 }
 
 }  // namespace gab

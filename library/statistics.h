@@ -23,14 +23,7 @@ struct ChatFigures {
   int32_t userCurses = 0, otherCurses = 0;
   int32_t userSlang = 0, otherSlang = 0;
   int32_t images = 0, links = 0;
-  bool operator==(const ChatFigures&) const = default;
 };
-
-// The six word counts in one pass over the messages; equal to
-// CountWordsFor{User,Others}InSet with no set, the curses and the slang.
-// A null set counts every word.
-ChatFigures CountChatWords(const ICLPChatLog& transcript, const WordSet* curses,
-                           const WordSet* slang);
 
 // The running totals as stored, with this run's chat already counted.
 struct StatisticsTotals {

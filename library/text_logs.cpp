@@ -1,6 +1,8 @@
 // The text logs of gathered links and images: one line per link or image,
 // appended to a file the caller names, in formats the user sets in the
 // preferences ("bookmarkEntry", "imageEntry").
+#include <filesystem>
+
 #include "library/object_format.h"
 #include "library/stores.h"
 #include "platform/data_folder.h"
@@ -25,7 +27,10 @@ std::string NameOf(const std::string& path) {
 
 // Text logs live in the data folder like everything else we write.
 bool InDataFolder(const std::string& path) {
-  if (FolderOf(path) == DataFolder()) return true;
+  std::error_code e1, e2;
+  auto folder = std::filesystem::weakly_canonical(FolderOf(path), e1);
+  auto data = std::filesystem::weakly_canonical(DataFolder(), e2);
+  if (!e1 && !e2 && folder == data) return true;
   NSLog("Not extending a text log outside " + DataFolder() + ": " + path);
   return false;
 }

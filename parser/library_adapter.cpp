@@ -1,5 +1,10 @@
 #include "parser/library_adapter.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "library/log_generator.h"
 #include "parser/transcript_mail.h"
 #if __has_include("platform/chat_windows.h")
@@ -22,8 +27,20 @@ std::string LoadFailureReason(const std::string& path) {
   if (name.find(" on ") == std::string::npos) return "the file name names no party (no \" on \")";
   auto data = ReadWholeFile(path);
   if (!data) return "cannot be read";
+  // The loader has logged the failure already; this second decode only
+  // learns its reason, so its own log line is dropped.
   ICLPChatLog probe;
+  std::fflush(stderr);
+  int saved = dup(STDERR_FILENO);
+  int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (saved >= 0 && null >= 0) dup2(null, STDERR_FILENO);
   bool ok = ext == "chat" ? probe.LoadiChat2Data(*data) : probe.LoadiChat3Data(*data);
+  std::fflush(stderr);
+  if (saved >= 0) {
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+  }
+  if (null >= 0) close(null);
   if (ok) return "not a transcript";
   return probe.loadError().empty() ? "does not decode" : probe.loadError();
 }

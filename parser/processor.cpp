@@ -28,10 +28,14 @@ bool SameFile(const RecordEntry& e, const FoundTranscript& f) {
 // instead of being counted again.
 using Vanished = std::multimap<std::pair<int64_t, int64_t>, std::string>;
 
-Vanished FindVanished(const Record& record, const std::vector<FoundTranscript>& found) {
+struct Found : FoundTranscript {
+  std::string key;  // in the record
+};
+
+Vanished FindVanished(const Record& record, const std::vector<Found>& found) {
   std::unordered_map<std::string_view, bool> present;
   present.reserve(found.size());
-  for (const auto& f : found) present.emplace(f.relativePath, true);
+  for (const auto& f : found) present.emplace(f.key, true);
   Vanished out;
   for (const auto& [path, e] : record.transcripts)
     if (!present.count(path)) out.emplace(std::make_pair(e.size, e.mtimeNs), path);
@@ -90,7 +94,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   std::unique_ptr<ICLPChatLog> log = library_.Load(full, &reason);
   if (!log) {
     if (reason.empty()) reason = "not a transcript";
-    NSLog(f.relativePath + " is unreadable: " + reason);
+    // The loader has logged why (one line); the record keeps the reason.
     e.state = State::kUnreadable;
     e.reason = reason;
     summary_.unreadable.emplace_back(f.relativePath, reason);
@@ -175,12 +179,16 @@ RunSummary Run::Go() {
     NSLog("The record " + recordPath_ + " was unreadable; kept as " + aside);
   }
 
-  std::vector<FoundTranscript> found = FindTranscripts(options_.transcriptFolder);
+  std::vector<Found> found;
+  for (auto& f : FindTranscripts(options_.transcriptFolder)) {
+    std::string key = options_.recordKeyPrefix + f.relativePath;
+    found.push_back({std::move(f), std::move(key)});
+  }
   summary_.found = int64_t(found.size());
 
   std::vector<size_t> work;
   for (size_t i = 0; i < found.size(); ++i) {
-    auto it = record_.transcripts.find(found[i].relativePath);
+    auto it = record_.transcripts.find(found[i].key);
     if (NeedsWork(found[i], it == record_.transcripts.end() ? nullptr : &it->second))
       work.push_back(i);
     else
@@ -191,13 +199,13 @@ RunSummary Run::Go() {
   Vanished vanished;
   bool vanishedBuilt = false;
   for (size_t n = 0; n < work.size(); ++n) {
-    const FoundTranscript& f = found[work[n]];
+    const Found& f = found[work[n]];
     if (options_.progress) options_.progress(n, work.size(), f.relativePath);
     if (!keepRunning) {
       summary_.stopped = true;
       break;
     }
-    auto it = record_.transcripts.find(f.relativePath);
+    auto it = record_.transcripts.find(f.key);
     if (it == record_.transcripts.end()) {
       if (!vanishedBuilt) {
         vanished = FindVanished(record_, found);
@@ -211,13 +219,13 @@ RunSummary Run::Go() {
         vanished.erase(moved);
         if (fresh.state != State::kWaiting && fresh.state != State::kMailPending) {
           // Moved, not changed: nothing to do but remember the new place.
-          it = record_.transcripts.emplace(f.relativePath, fresh).first;
+          record_.transcripts.emplace(f.key, fresh);
           ++summary_.unchanged;
           Save();
           continue;
         }
       }
-      it = record_.transcripts.emplace(f.relativePath, fresh).first;
+      it = record_.transcripts.emplace(f.key, fresh).first;
     }
     RecordEntry& e = it->second;
     Handle(f, e);

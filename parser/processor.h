@@ -42,6 +42,10 @@ struct RunOptions {
   bool sendEmails = false;
   bool handleURLs = true;
   bool handleImages = true;
+  // Prefix of the record's keys: "" for the transcript folder; an import of
+  // another folder uses the folder's absolute path and "/", so its entries
+  // never collide with the transcript folder's.
+  std::string recordKeyPrefix;
   // Import: every transcript counts as ended and nothing is mailed.
   bool importing = false;
   int64_t mailRetryDelaySeconds = 30;

@@ -12,6 +12,9 @@ bool StartVips() {
     if (VIPS_INIT("gabfolio") != 0) return false;
     // Chat attachments are untrusted: only the loaders libvips vouches for.
     vips_block_untrusted_set(TRUE);
+    // libvips counts its PDF loader as untrusted, yet the gallery needs the
+    // page size of PDF attachments; only the header (page size) is read.
+    vips_operation_block_set("VipsForeignLoadPdf", FALSE);
     vips_cache_set_max(0);
     return true;
   }();

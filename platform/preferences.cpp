@@ -170,9 +170,10 @@ std::optional<std::string> StringValue(const std::optional<PrefValue>& v) {
 struct Preferences::State {
   std::mutex mutex;
   bool loaded = false;
-  FileIdentity identity;  // of the file as last read or written
-  PlistPtr file;          // its contents (a dictionary)
-  PlistPtr copy;          // file contents with this process's changes laid over
+  bool unreadable = false;  // the file is there but is no dictionary
+  FileIdentity identity;    // of the file as last read or written
+  PlistPtr file;            // its contents (a dictionary)
+  PlistPtr copy;            // file contents with this process's changes laid over
   std::map<std::string, PlistPtr, std::less<>> dirty;  // null: removed
 
   // Reads the file when it is not the version we hold.
@@ -180,6 +181,7 @@ struct Preferences::State {
     FileIdentity now = Identify(path);
     if (loaded && now == identity) return;
     loaded = true;
+    unreadable = false;
     identity = now;
     PlistPtr root;
     if (now.exists) {
@@ -189,6 +191,7 @@ struct Preferences::State {
           (!root || plist_get_node_type(static_cast<plist_t>(root.get())) != PLIST_DICT)) {
         NSLog("Preferences file " + path + " is not a property list dictionary; ignoring it.");
         root.reset();
+        unreadable = true;
       }
     }
     file = root ? std::move(root) : PlistPtr(plist_new_dict());
@@ -286,6 +289,12 @@ bool Preferences::AppSynchronize() {
   bool ok = true;
   if (!s.dirty.empty()) {
     s.RebuildCopy();
+    if (s.unreadable) {
+      // Kept aside rather than overwritten: someone may want its contents.
+      std::string aside = path_ + ".unreadable";
+      if (::rename(path_.c_str(), aside.c_str()) == 0)
+        NSLog("Moved the unreadable preferences to " + aside);
+    }
     std::string error;
     if (WritePlistFile(path_, static_cast<plist_t>(s.copy.get()), 0600, &error)) {
       s.file.reset(plist_copy(static_cast<plist_t>(s.copy.get())));

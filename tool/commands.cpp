@@ -3,15 +3,27 @@
 namespace gab::tool {
 
 // Declarations of the subcommands (one file each).
-// int RunDefaults(int, char**);
+int RunSetup(int, char**);
+int RunDefaults(int, char**);
+int RunStatus(int, char**);
+int RunImport(int, char**);
 int RunDump(int, char**);
 int RunConvert(int, char**);
+int RunRebuild(int, char**);
+int RunView(int, char**);
+int RunService(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      // {"defaults", "read, write or delete preferences", RunDefaults},
+      {"setup", "prepare ~/Library/Gabfolio, the defaults and (--mail) mail", RunSetup},
+      {"defaults", "read, write or delete preferences", RunDefaults},
+      {"status", "error state and whether the agent runs", RunStatus},
+      {"import", "add existing transcripts to the library without mailing", RunImport},
       {"dump", "print a decoded transcript", RunDump},
       {"convert", "write a transcript as plain text or HTML", RunConvert},
+      {"rebuild", "rebuild the links pages and the gallery from the stores", RunRebuild},
+      {"view", "serve the library pages on 127.0.0.1 for a browser", RunView},
+      {"service", "install or remove the agent's systemd user service", RunService},
   };
   return commands;
 }

@@ -1,7 +1,7 @@
-// The one-pass count of a chat's words gives the six separate counts.
+// The one-pass count of a chat's words, which the statistics add up, gives
+// the six separate counts.
 #include <gtest/gtest.h>
 
-#include "library/statistics.h"
 #include "library/tests/statistics_test_support.h"
 
 namespace gab {
@@ -11,7 +11,7 @@ using testing::Chat;
 using testing::Line;
 
 TEST(StatisticsCounts, OnePassEqualsTheSixSeparateCounts) {
-  testing::TemporaryHome home;
+  testing::TempHome home;
   const WordSet curses = {u"damn", u"Damn", u"hell"};
   const WordSet slang = {u"lol", u"brb", u"LOL", u"omg"};
   const WordSet empty;
@@ -41,20 +41,19 @@ TEST(StatisticsCounts, OnePassEqualsTheSixSeparateCounts) {
     auto chat = Chat(c.party, c.lines);
     for (const WordSet* cs : {&curses, &empty, static_cast<const WordSet*>(nullptr)}) {
       for (const WordSet* ss : {&slang, static_cast<const WordSet*>(nullptr)}) {
-        ChatFigures expected;
-        expected.userWords = chat->CountWordsForUserInSet(nullptr);
-        expected.otherWords = chat->CountWordsForOthersInSet(nullptr);
-        expected.userCurses = chat->CountWordsForUserInSet(cs);
-        expected.otherCurses = chat->CountWordsForOthersInSet(cs);
-        expected.userSlang = chat->CountWordsForUserInSet(ss);
-        expected.otherSlang = chat->CountWordsForOthersInSet(ss);
-        EXPECT_EQ(CountChatWords(*chat, cs, ss), expected);
+        const ICLPChatLog::WordCounts one = chat->CountWords(cs, ss);
+        EXPECT_EQ(one.userWords, chat->CountWordsForUserInSet(nullptr));
+        EXPECT_EQ(one.otherWords, chat->CountWordsForOthersInSet(nullptr));
+        EXPECT_EQ(one.userCurses, chat->CountWordsForUserInSet(cs));
+        EXPECT_EQ(one.otherCurses, chat->CountWordsForOthersInSet(cs));
+        EXPECT_EQ(one.userSlang, chat->CountWordsForUserInSet(ss));
+        EXPECT_EQ(one.otherSlang, chat->CountWordsForOthersInSet(ss));
       }
     }
   }
   // A sanity anchor, so the comparison above cannot pass on all zeros.
   auto chat = Chat(u"Anna", cases[1].lines);
-  ChatFigures f = CountChatWords(*chat, &curses, &slang);
+  const ICLPChatLog::WordCounts f = chat->CountWords(&curses, &slang);
   EXPECT_EQ(f.userWords, 3);
   EXPECT_EQ(f.userCurses, 1);
   EXPECT_EQ(f.otherSlang, 2);

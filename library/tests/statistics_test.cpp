@@ -106,7 +106,7 @@ class Statistics : public ::testing::Test {
     if (const char* tz = std::getenv("TZ")) savedTz_ = tz;
     setenv("TZ", "UTC", 1);
     tzset();
-    folder_ = home_.DataFolder();
+    folder_ = home_.path() + "/Library/Gabfolio";
     std::filesystem::create_directories(folder_);
   }
   void TearDown() override {
@@ -127,7 +127,7 @@ class Statistics : public ::testing::Test {
   }
   std::string Day(Date d) { return FormatDate(d, "%B %e, %Y", DayPadding::kBlank); }
 
-  testing::TemporaryHome home_;
+  testing::TempHome home_;
   std::string folder_;
   std::optional<std::string> savedTz_;
 };
@@ -491,6 +491,7 @@ TEST_F(Statistics, PageReplacesEveryOccurrenceAndLeavesTheRest) {
 }
 
 TEST(StatisticsStore, BuildingStopsAtTheFirstMissingDate) {
+  testing::TempHome home;
   StatisticsTotals t;
   t.chats = 3;
   struct Case {
@@ -511,6 +512,7 @@ TEST(StatisticsStore, BuildingStopsAtTheFirstMissingDate) {
 }
 
 TEST(StatisticsNumbers, PrintedAsCDoesButNanHasNoSign) {
+  testing::TempHome home;
   const double inf = std::numeric_limits<double>::infinity();
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Case {
@@ -532,6 +534,7 @@ TEST(StatisticsNumbers, PrintedAsCDoesButNanHasNoSign) {
 }
 
 TEST(StatisticsNumbers, AveragesAreSinglePrecision) {
+  testing::TempHome home;
   // 16777217 has no single-precision form: it rounds to 16777216 first.
   StatisticsTotals t;
   t.userWords = 16777217;

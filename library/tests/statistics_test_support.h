@@ -11,7 +11,7 @@
 #include "archive/object.h"
 #include "platform/files.h"
 #include "platform/plist.h"
-#include "platform/tests/temporary_home.h"
+#include "platform/testing/temp_home.h"
 #include "transcript/chat_log.h"
 
 namespace gab::testing {

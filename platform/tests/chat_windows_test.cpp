@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "platform/tests/temporary_home.h"
+#include "platform/testing/temp_home.h"
 #include "platform/tests/xvfb_server.h"
 
 namespace gab {
@@ -33,7 +33,7 @@ class ChatWindowsX11 : public ::testing::Test {
   }
 
   static XvfbServer* server_;
-  testing::TemporaryHome home_;
+  testing::TempHome home_;
   std::unique_ptr<FakeDesktop> desktop_;
 };
 XvfbServer* ChatWindowsX11::server_ = nullptr;
@@ -115,7 +115,7 @@ TEST_F(ChatWindowsX11, CurrentSourceUsesTheDisplayVariable) {
 }
 
 TEST(ChatWindowsNoDisplay, QueryFails) {
-  testing::TemporaryHome home;
+  testing::TempHome home;
   const char* old = std::getenv("DISPLAY");
   std::string saved = old ? old : "";
   unsetenv("DISPLAY");
@@ -127,6 +127,7 @@ TEST(ChatWindowsNoDisplay, QueryFails) {
 }
 
 TEST(TitlesEqualIgnoringCase, WholeTitleWithCaseFolded) {
+  testing::TempHome home;
   struct Case {
     std::u16string a, b;
     bool equal;

@@ -147,6 +147,20 @@ TEST_F(PreferencesTest, ReadsBinaryPlistWrittenByAnotherTool) {
   EXPECT_TRUE(prefs.Bool("sendEmails"));
 }
 
+TEST_F(PreferencesTest, UnreadableFileReadsAbsentAndIsKeptAsideOnWrite) {
+  fs::create_directories(fs::path(path_).parent_path());
+  const std::string garbage = "<plist><dict><key>broken";
+  ASSERT_TRUE(WriteFileAtomically(path_, garbage, 0600));
+  Preferences prefs(path_);
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(prefs.CopyAppValue("emailFails"), std::nullopt);
+  prefs.SetAppValue("emailFails", PrefValue(int64_t(1)));
+  ASSERT_TRUE(prefs.AppSynchronize());
+  ::testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ReadWholeFile(path_ + ".unreadable"), garbage);
+  EXPECT_EQ(Preferences(path_).Int("emailFails"), 1);
+}
+
 TEST_F(PreferencesTest, SynchroniseSeesOtherWritersAndKeepsOwnChanges) {
   Preferences a(path_), b(path_);
   a.SetAppValue("errorStatus", PrefValue(int64_t(4)));

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/chat_windows.h"
-#include "platform/tests/temporary_home.h"
+#include "platform/testing/temp_home.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
@@ -52,7 +52,7 @@ class EndOfChat : public ::testing::Test {
     SetChatWindows(nullptr);
     iChatRunning = false;
   }
-  testing::TemporaryHome home_;
+  testing::TempHome home_;
   FakeChatWindows fake_;
 };
 

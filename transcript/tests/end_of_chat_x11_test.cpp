@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "platform/chat_windows.h"
-#include "platform/tests/temporary_home.h"
+#include "platform/testing/temp_home.h"
 #include "platform/tests/xvfb_server.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
@@ -54,7 +54,7 @@ class EndOfChatX11 : public ::testing::Test {
   }
 
   static XvfbServer* server_;
-  testing::TemporaryHome home_;
+  testing::TempHome home_;
   std::optional<std::string> savedDisplay_;
   std::unique_ptr<FakeDesktop> desktop_;
 };

@@ -1,0 +1,434 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+
+#include "archive/keyed.h"
+#include "archive/tests/archive_test_util.h"
+#include "archive/typedstream.h"
+#include "platform/text.h"
+
+// Decoding Apple-written archives from the shared corpus: every value the
+// corpus notes list must come out exactly.
+
+namespace gab {
+namespace {
+
+using testing::Dump;
+
+DecodeResult DecodeAny(const std::string& bytes) {
+  return bytes.starts_with("bplist") ? DecodeKeyedArchive(bytes) : DecodeTypedstream(bytes);
+}
+
+struct Expected {
+  const char* file;
+  const char* dump;  // or "ERROR " + the error text
+};
+
+// Foundation objects NSArchiver and NSKeyedArchiver wrote from known values.
+const Expected kKnownValues[] = {
+    {"typedstream/crabstep/foundation/NSArray", R"([s"a", i1, s"b"])"},
+    {"typedstream/crabstep/foundation/NSArrayEmpty", R"([])"},
+    {"typedstream/crabstep/foundation/NSArrayNested", R"([s"top", [i1, i2]])"},
+    {"typedstream/crabstep/foundation/NSArrayWithNull", R"([s"x", <NSNull>, s"y"])"},
+    {"typedstream/crabstep/foundation/NSAttributedString", R"(as("Hello, world" 12{}))"},
+    {"typedstream/crabstep/foundation/NSData", R"(data:deadbeef007f)"},
+    {"typedstream/crabstep/foundation/NSDate", R"(date21692800)"},
+    {"typedstream/crabstep/foundation/NSDateFractional", R"(date700000000.523)"},
+    {"typedstream/crabstep/foundation/NSDictionary", R"({s"k2": s"v", s"k1": i1})"},
+    {"typedstream/crabstep/foundation/NSDictionaryNested",
+     R"({s"arr": [i1, i2], s"data": data:0102, s"num": i7})"},
+    {"typedstream/crabstep/foundation/NSMutableArray", R"(m[s"x", i2])"},
+    {"typedstream/crabstep/foundation/NSMutableData", R"(mdata:deadbeef)"},
+    {"typedstream/crabstep/foundation/NSMutableDictionary", R"(m{s"key": i9})"},
+    {"typedstream/crabstep/foundation/NSMutableSet", R"(<NSMutableSet>)"},
+    {"typedstream/crabstep/foundation/NSMutableString", R"(ms"Hello, world")"},
+    {"typedstream/crabstep/foundation/NSSet", R"(<NSSet>)"},
+    {"typedstream/crabstep/foundation/NSString", R"(s"Hello, world")"},
+    {"typedstream/crabstep/foundation/NSURL", R"(url(https://example.com/path?q=1))"},
+    {"typedstream/crabstep/foundation/NSURLRelative",
+     R"(url(page.html base url(https://example.com/dir/)))"},
+    {"typedstream/crabstep/foundation/NestedAttributed", R"([as("styled" 6{})])"},
+    {"typedstream/crabstep/foundation/NestedContainers",
+     R"([[i1, i2], m[i3], [], {s"k": i9}, m{s"mk": i8}, <NSSet>, <NSMutableSet>])"},
+    {"typedstream/crabstep/foundation/NestedData", R"([data:0102, mdata:030405])"},
+    {"typedstream/crabstep/foundation/NestedScalars",
+     R"([date21692800, url(https://example.com/path?q=1), url(page.html base url(https://example.com/dir/)), <NSNull>])"},
+    {"typedstream/crabstep/foundation/NestedStrings", R"([s"imm", ms"mut"])"},
+    {"typedstream/crabstep/foundation/NumberBool", R"(i1)"},
+    {"typedstream/crabstep/foundation/NumberDouble", R"(r100.5)"},
+    {"typedstream/crabstep/foundation/NumberFloat", R"(r3.5)"},
+    {"typedstream/crabstep/foundation/NumberInt", R"(i42)"},
+    {"typedstream/crabstep/foundation/NumberInt64", R"(i-9000000000)"},
+    {"typedstream/crabstep/ExtraData",
+     "ERROR typedstream: length exceeds the remaining data at byte 124"},
+    {"keyedarchive/nskeyedunarchiver-rs/NSAffineTransform.plist", R"(<NSAffineTransform>)"},
+    {"keyedarchive/nskeyedunarchiver-rs/NSMutableAttributedString.plist",
+     R"(mas("firstsecondthird" 5{s"NSColor": color1(0.9859541655 0 0.02694000863)} 11{}))"},
+    {"keyedarchive/nskeyedunarchiver-rs/circularReference.plist", R"(m[nil])"},
+    {"keyedarchive/nskeyedunarchiver-rs/note.plist", R"(<Note>)"},
+    {"keyedarchive/nskeyedunarchiver-rs/nsData.plist", R"(mdata:536f6d65206461746121)"},
+    {"keyedarchive/nskeyedunarchiver-rs/plainString.plist", R"(s"Some string!")"},
+    {"keyedarchive/nskeyedunarchiver-rs/simpleArray.plist",
+     R"([s"value1", s"value2", [s"innerValue3", s"innerValue4"]])"},
+    {"keyedarchive/nskeyedunarchiver-rs/simpleDict.plist",
+     R"({s"Array key": [i1, i2, i3], s"First key": s"First value", s"Second key": s"Second value"})"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/UUIDv4.bin.plist", R"(<NSUUID>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/collections.bin.plist",
+     R"(<TestDummy>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/date.bin.plist", R"(date1210536312)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/emptyObject.bin.plist",
+     R"(<TestDummy>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/emptyObjectExtended.bin.plist",
+     R"(<TestDummyExtended>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/miscTypes.bin.plist", R"(<TestDummy>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/nested.bin.plist",
+     R"({s"level": i0, s"levelZeroData": {s"level": i1, s"levelOneData": {s"level": i2, s"levelPath": [s"zero", s"one", s"two"], s"sampleUrl": url(https://example.com/foo/bar?a=b#hash)}, s"levelPath": [s"zero", s"one"]}, s"levelPath": [s"zero"]})"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/null.bin.plist", R"(nil)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/objectWithSingleProp.bin.plist",
+     R"(<TestDummy>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/reference.bin.plist",
+     R"({s"copyOne": url(https://example.com/foo/bar?a=b#hash), s"copyTwo": url(https://example.com/foo/bar?a=b#hash)})"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/scalarTypes.bin.plist",
+     R"(<TestDummy>)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/invalidContainer.bin.plist",
+     R"(ERROR keyed archive: $top is missing or not a dictionary)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/"
+     "invalidObjectDeclarationContainer.bin.plist",
+     R"(ERROR keyed archive: $class does not refer to a class record)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/invalidReference.bin.plist",
+     R"(ERROR keyed archive: reference 5 beyond $objects)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/missingRoot.bin.plist",
+     R"(ERROR keyed archive: $top has no "root")"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/objectWithNoClassName.bin.plist",
+     R"(ERROR keyed archive: class record without a string $classname)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/objectWithNonArrayClassChain.bin.plist",
+     R"(ERROR keyed archive: $classes is not an array)"},
+    {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/objectWithNonStringClassName.bin.plist",
+     R"(ERROR keyed archive: class record without a string $classname)"},
+};
+
+TEST(CorpusTest, KnownValuesDecodeExactly) {
+  if (testing::CorpusDir().empty()) GTEST_SKIP() << "shared corpus absent";
+  for (const Expected& e : kKnownValues) {
+    auto bytes = testing::ReadCorpusFile(std::string("real/") + e.file);
+    ASSERT_TRUE(bytes) << e.file;
+    DecodeResult r = DecodeAny(*bytes);
+    std::string got = r.ok() ? Dump(r.root) : "ERROR " + r.error;
+    EXPECT_EQ(got, e.dump) << e.file;
+  }
+}
+
+// Attributed strings from the Messages database: the text and the set of
+// attribute names the corpus notes list.
+struct MessageBlob {
+  const char* file;
+  bool isMutable;
+  const char* text;
+  bool textIsPrefix;
+  const char* keys;  // comma-separated, sorted
+};
+
+const MessageBlob kMessageBlobs[] = {
+    {"0123456789", false, "0123456789", false,
+     "__kIMLinkAttributeName,__kIMMessagePartAttributeName,__kIMPhoneNumberAttributeName,__"
+     "kIMTextItalicAttributeName,__kIMTextStrikethroughAttributeName"},
+    {"35123", true, "0123456789\nBold Italics Underline Strikethrough  Big Sma", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMLinkAttributeName,__kIMMessagePartAttributeName,_"
+     "_kIMPhoneNumberAttributeName,__kIMTextBoldAttributeName,__kIMTextEffectAttributeName,__"
+     "kIMTextItalicAttributeName,__kIMTextStrikethroughAttributeName,__"
+     "kIMTextUnderlineAttributeName"},
+    {"Address", false, "1 Apple Park Way, Cupertino, CA 95014", false,
+     "__kIMAddressAttributeName,__kIMMessagePartAttributeName"},
+    {"AppMessage", false, "\uFFFC", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
+     "kIMMessagePartAttributeName"},
+    {"AppleMusicLyrics", true, "https://music.apple.com/us/lyrics/1329891623?ts=11.108&te", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
+     "__kIMLinkIsRichLinkAttributeName,__kIMMessagePartAttributeName"},
+    {"Arabic", false, "أهلاً بالعالم", false, "__kIMMessagePartAttributeName"},
+    {"Array", true, "A single ChatGPT instance takes 5MW of power to run", false,
+     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
+    {"Attachment", true, "\uFFFCThis is how the notes look to me fyi, in case it ", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
+     "kIMFilenameAttributeName,__kIMInlineMediaHeightAttributeName,__"
+     "kIMInlineMediaWidthAttributeName,__kIMMessagePartAttributeName"},
+    {"AttachmentI16", true, "\uFFFC", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
+     "kIMFilenameAttributeName,__kIMInlineMediaHeightAttributeName,__"
+     "kIMInlineMediaWidthAttributeName,__kIMMessagePartAttributeName"},
+    {"AttributedBodyTextOnly", true, "Noter test", false, "__kIMMessagePartAttributeName"},
+    {"AttributedBodyTextOnly2", false, "Test 3", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName"},
+    {"Blank", false, "", false, ""},
+    {"Code", true, "000123 is your security code. Don't share your code.", false,
+     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName,__kIMOneTimeCodeAttributeName"},
+    {"Currency", false, "Money: $1234.56, £20, 100 USD", false, "__kIMMessagePartAttributeName"},
+    {"CurrencyTemperatureVolumeWeight", true, "$100\n\n75℉\n\n1L of water\n\n225lbs", false,
+     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
+    {"CustomTapback", false, "Reacted with a sticker to “Like I wonder if the stickers ", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
+     "kIMMessagePartAttributeName"},
+    {"Date", true, "Hi. Right now or tomorrow?", false,
+     "__kIMCalendarEventAttributeName,__kIMMessagePartAttributeName"},
+    {"EditedWithFormatting", false, "Test", false,
+     "__kIMMessagePartAttributeName,__kIMTextStrikethroughAttributeName"},
+    {"Email", false, "asdfghjklq@gmail.com might work", false,
+     "__kIMDataDetectedAttributeName,__kIMLinkAttributeName,__kIMMessagePartAttributeName"},
+    {"EmojiBoldUnderline", false, "🅱️Bold_Underline", false,
+     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextUnderlineAttributeName"},
+    {"Flight", true, "AS 1111", false,
+     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
+    {"Formatted", false, "Big small", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName"},
+    {"Mention", true, "Test Dad ", false,
+     "__kIMMentionConfirmedMention,__kIMMessagePartAttributeName"},
+    {"MultiAttachment", true, "\uFFFC\uFFFC\uFFFC\uFFFC\uFFFC\uFFFC", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
+     "kIMMessagePartAttributeName"},
+    {"MultiPart", true, "\uFFFCtest 1\uFFFCtest 2 \uFFFCtest 3", false,
+     "__kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
+    {"MultiPartWithDeleted", true, "From arbitrary byte stream:\r\uFFFCTo native Rust data ", true,
+     "__kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
+    {"OverlappingFormat", true, "8:00 pm", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMCalendarEventAttributeName,__"
+     "kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
+     "kIMTextUnderlineAttributeName"},
+    {"PhoneNumber", true, "What about 0000000000", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMLinkAttributeName,__kIMMessagePartAttributeName,_"
+     "_kIMPhoneNumberAttributeName"},
+    {"StyledLink", true, "https://github.com/ReagentX/imessage-exporter/discussions", true,
+     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
+     "__kIMLinkIsRichLinkAttributeName,__kIMMessagePartAttributeName,__kIMTextEffectAttributeName"},
+    {"TextEffects", false, "Big small shake nod explode ripple bloom jitter", false,
+     "__kIMMessagePartAttributeName,__kIMTextEffectAttributeName"},
+    {"TextStyles", false, "Bold underline italic strikethrough all four", false,
+     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
+     "kIMTextStrikethroughAttributeName,__kIMTextUnderlineAttributeName"},
+    {"TextStylesMixed", false, "Underline normal jitter normal", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName,__"
+     "kIMTextEffectAttributeName,__kIMTextUnderlineAttributeName"},
+    {"TextStylesSingleRange", false, "Everything", false,
+     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
+     "kIMTextStrikethroughAttributeName,__kIMTextUnderlineAttributeName"},
+    {"Tracking", true, "1Z999AA10123456784", false,
+     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
+    {"Transcription", false, "\uFFFC", false,
+     "IMAudioTranscription,__kIMBaseWritingDirectionAttributeName,__"
+     "kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
+    {"URL", true, "https://github.com/ReagentX/Logria", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
+     "__kIMMessagePartAttributeName"},
+    {"URLMessage", true, "https://twitter.com/xxxxxxxxx/status/0000223300009216128", false,
+     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
+     "__kIMMessagePartAttributeName"},
+    {"WeirdText", true, "𝖍𝖊𝖑𝖑𝖔 𝖜𝖔𝖗𝖑𝖉", false, "__kIMMessagePartAttributeName"},
+};
+
+std::string KeysOf(const AttributedString& s) {
+  std::set<std::string> keys;
+  for (const auto& run : s.runs) {
+    if (!run.attributes) continue;
+    for (const auto& [k, v] : run.attributes->entries) keys.insert(ToUtf8(As<String>(k)->value));
+  }
+  std::string out;
+  for (const auto& k : keys) out += (out.empty() ? "" : ",") + k;
+  return out;
+}
+
+TEST(CorpusTest, MessageBodiesKeepTextAndAttributes) {
+  if (testing::CorpusDir().empty()) GTEST_SKIP() << "shared corpus absent";
+  for (const MessageBlob& m : kMessageBlobs) {
+    std::string file = std::string("real/typedstream/crabstep/") + m.file;
+    auto bytes = testing::ReadCorpusFile(file);
+    ASSERT_TRUE(bytes) << file;
+    DecodeResult r = DecodeTypedstream(*bytes);
+    ASSERT_TRUE(r.ok()) << file << ": " << r.error;
+    auto s = As<AttributedString>(r.root);
+    ASSERT_TRUE(s) << file;
+    EXPECT_EQ(s->mutable_, m.isMutable) << file;
+    std::string text = ToUtf8(s->text);
+    if (m.textIsPrefix) {
+      EXPECT_TRUE(text.starts_with(m.text)) << file << ": " << text;
+    } else {
+      EXPECT_EQ(text, m.text) << file;
+    }
+    EXPECT_EQ(KeysOf(*s), m.keys) << file;
+    size_t total = 0;
+    for (const auto& run : s->runs) total += run.length;
+    EXPECT_EQ(total, s->text.size()) << file;
+  }
+}
+
+// Link values are NSURL objects whose absolute string is the link.
+TEST(CorpusTest, LinkAttributesAreUrls) {
+  const struct {
+    const char* file;
+    size_t at;
+    const char16_t* url;
+  } cases[] = {
+      {"URL", 0, u"https://github.com/ReagentX/Logria"},
+      {"URLMessage", 5, u"https://twitter.com/xxxxxxxxx/status/0000223300009216128"},
+      {"0123456789", 0, u"tel:0123456789"},
+  };
+  for (const auto& c : cases) {
+    GAB_CORPUS_OR_SKIP(bytes, std::string("real/typedstream/crabstep/") + c.file);
+    DecodeResult r = DecodeTypedstream(bytes);
+    auto s = As<AttributedString>(r.root);
+    ASSERT_TRUE(s) << c.file << r.error;
+    auto url = As<URL>(s->AttributeAt(c.at, u"__kIMLinkAttributeName"));
+    ASSERT_TRUE(url) << c.file;
+    EXPECT_EQ(url->AbsoluteString(), c.url) << c.file;
+  }
+}
+
+// Walks a decoded graph, calling `visit` once per object.
+void Walk(const ObjectPtr& o, const std::function<void(const ObjectPtr&)>& visit,
+          std::set<const Object*>& seen) {
+  if (!o || !seen.insert(o.get()).second) return;
+  visit(o);
+  if (auto a = As<Array>(o)) {
+    for (const auto& i : a->items) Walk(i, visit, seen);
+  } else if (auto d = As<Dictionary>(o)) {
+    for (const auto& [k, v] : d->entries) {
+      Walk(k, visit, seen);
+      Walk(v, visit, seen);
+    }
+  } else if (auto s = As<AttributedString>(o)) {
+    for (const auto& r : s->runs) Walk(r.attributes, visit, seen);
+  }
+}
+
+// Grapher documents: hundreds of unknown classes skipped without losing
+// sync.  A substituted class reads its first object (an NSFont) through the
+// sequential coder and leaves the rest to be skipped.
+TEST(CorpusTest, GrapherDocumentsSkipUnknownClasses) {
+  const struct {
+    const char* file;
+    const char* digits;
+    const char* fonts;
+  } cases[] = {{"Empty2D macOS 10.14.gcx", "i14", "font(Helvetica 12);font(Times-Roman 18);"},
+               {"Empty2D macOS 13.gcx", "i4", "font(Helvetica 12);font(Times-Roman 18);"}};
+  for (const auto& c : cases) {
+    GAB_CORPUS_OR_SKIP(bytes, std::string("real/typedstream/python-typedstream/") + c.file);
+    std::vector<ObjectPtr> fonts;
+    ClassSubstitutions subs;
+    subs["CPColoredFont"] = [&](Coder& coder) -> ObjectPtr {
+      EXPECT_FALSE(coder.AllowsKeyedCoding());
+      fonts.push_back(coder.DecodeObject());
+      return std::make_shared<OpaqueObject>();
+    };
+    DecodeResult r = DecodeTypedstream(bytes, subs);
+    ASSERT_TRUE(r.ok()) << c.file << ": " << r.error;
+    auto root = As<Dictionary>(r.root);
+    ASSERT_TRUE(root) << c.file;
+    EXPECT_TRUE(root->mutable_);
+    EXPECT_TRUE(As<OpaqueObject>(root->Get(u"DefinitionTree"))) << c.file;
+    auto settings = As<Dictionary>(root->Get(u"Settings"));
+    ASSERT_TRUE(settings) << c.file;
+    EXPECT_EQ(Dump(settings->Get(u"DefaultNumberDigits")), c.digits) << c.file;
+    EXPECT_EQ(Dump(settings->Get(u"NSDecimalSeparator")), "s\",\"") << c.file;
+    ASSERT_FALSE(fonts.empty()) << c.file;
+    std::set<std::string> seen;
+    for (const auto& f : fonts) seen.insert(Dump(f));
+    EXPECT_EQ(Dump(fonts.front()), "font(Times-Roman 18)") << c.file;
+    std::string all;
+    for (const auto& f : seen) all += f + ";";
+    EXPECT_EQ(all, c.fonts) << c.file;
+  }
+}
+
+TEST(CorpusTest, HugeArchiveWithBackReferences) {
+  GAB_CORPUS_OR_SKIP(bytes, "real/typedstream/crabstep/HugeWithRefs");
+  DecodeResult r = DecodeTypedstream(bytes);
+  ASSERT_TRUE(r.ok()) << r.error;
+  auto root = As<Array>(r.root);
+  ASSERT_TRUE(root);
+  ASSERT_FALSE(root->items.empty());
+  size_t strings = 0;
+  std::set<const Object*> seen;
+  Walk(
+      root, [&](const ObjectPtr& o) { strings += As<String>(o) != nullptr; }, seen);
+  for (const auto& item : root->items) {
+    ASSERT_TRUE(item);
+  }
+}
+
+// A colour list holds many top-level groups: an int, (nil, count), then
+// (NSColor, NSString) pairs.
+TEST(CorpusTest, ColourListReadsAsTopLevelValues) {
+  GAB_CORPUS_OR_SKIP(bytes, "real/typedstream/python-typedstream/Emacs.clr");
+  EXPECT_FALSE(DecodeTypedstream(bytes).ok());  // not a single root object
+  TypedstreamValues v = DecodeTypedstreamValues(bytes);
+  ASSERT_TRUE(v.ok()) << v.error;
+  ASSERT_EQ(v.values.size(), 3u + 2 * 752);
+  EXPECT_EQ(Dump(v.values[0]), "i1");
+  EXPECT_EQ(v.values[1], nullptr);
+  EXPECT_EQ(Dump(v.values[2]), "i752");
+  auto first = As<Color>(v.values[3]);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(Dump(v.values[4]), "s\"LightGreen\"");
+  double r = 0, g = 0, b = 0;
+  ASSERT_TRUE(first->ToDeviceRGB(r, g, b));
+  EXPECT_NEAR(r, 144 / 255.0, 1e-6);
+  EXPECT_NEAR(g, 238 / 255.0, 1e-6);
+  EXPECT_NEAR(b, 144 / 255.0, 1e-6);
+  for (size_t k = 3; k < v.values.size(); k += 2) {
+    ASSERT_TRUE(As<Color>(v.values[k])) << k;
+    ASSERT_TRUE(As<String>(v.values[k + 1])) << k;
+  }
+}
+
+// Keyed archives: one archived object is one C++ object.
+TEST(CorpusTest, SharedReferencesKeepIdentity) {
+  GAB_CORPUS_OR_SKIP(
+      bytes, "real/keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/reference.bin.plist");
+  DecodeResult r = DecodeKeyedArchive(bytes);
+  auto d = As<Dictionary>(r.root);
+  ASSERT_TRUE(d) << r.error;
+  ASSERT_TRUE(d->Get(u"copyOne"));
+  EXPECT_EQ(d->Get(u"copyOne"), d->Get(u"copyTwo"));
+}
+
+// Substituted classes read their fields through the keyed coder; a private
+// subclass decodes as the first known class of its $classes.
+TEST(CorpusTest, SubstitutedClassesReadTheirKeys) {
+  struct Fields : Object {
+    std::string ClassName() const override { return "Fields"; }
+    std::vector<ObjectPtr> values;
+  };
+  const struct {
+    const char* file;
+    const char* className;
+    std::vector<const char*> keys;
+    const char* want;
+  } cases[] = {
+      {"scalarTypes.bin.plist",
+       "TestDummy",
+       {"typeInt", "typeString", "typeBool", "data", "typeFloat", "absent"},
+       R"(i42 s"foo bar" b1 data:666f6f626172 r3.14 nil)"},
+      {"miscTypes.bin.plist", "TestDummy", {"url"}, "url(https://example.com/foo/bar?a=b#hash)"},
+      {"emptyObjectExtended.bin.plist", "generate_reference_data.TestDummy", {"x"}, "nil"},
+  };
+  for (const auto& c : cases) {
+    GAB_CORPUS_OR_SKIP(
+        bytes, std::string("real/keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/") + c.file);
+    ClassSubstitutions subs;
+    subs[c.className] = [&](Coder& coder) -> ObjectPtr {
+      EXPECT_TRUE(coder.AllowsKeyedCoding());
+      auto f = std::make_shared<Fields>();
+      for (const char* k : c.keys) f->values.push_back(coder.DecodeObjectForKey(k));
+      return f;
+    };
+    DecodeResult r = DecodeKeyedArchive(bytes, subs);
+    ASSERT_TRUE(r.ok()) << c.file << ": " << r.error;
+    auto f = std::dynamic_pointer_cast<Fields>(r.root);
+    ASSERT_TRUE(f) << c.file;
+    std::string got;
+    for (const auto& v : f->values) got += (got.empty() ? "" : " ") + Dump(v);
+    EXPECT_EQ(got, c.want) << c.file;
+  }
+}
+
+}  // namespace
+}  // namespace gab

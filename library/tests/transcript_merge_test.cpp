@@ -1,0 +1,183 @@
+// The transcript side: gathering, the merges into both stores, and the text
+// logs, with transcripts built in memory.
+#include <gtest/gtest.h>
+#include <vips/vips.h>
+
+#include "library/log_generator.h"
+#include "library/tests/test_home.h"
+#include "library/tests/transcript_builder.h"
+#include "platform/image_size.h"
+#include "platform/preferences.h"
+#include "platform/text.h"
+
+namespace gab {
+namespace {
+
+using testing::ExpectGolden;
+using testing::FileNamed;
+using testing::LinkString;
+using testing::March8;
+using testing::Message;
+using testing::TestHome;
+using testing::TestTemplate;
+
+std::string Png(int width, int height) {
+  ImagePixelSize("");  // starts libvips
+  VipsImage* black = nullptr;
+  EXPECT_EQ(vips_black(&black, width, height, nullptr), 0);
+  void* buf = nullptr;
+  size_t len = 0;
+  EXPECT_EQ(vips_image_write_to_buffer(black, ".png", &buf, &len, nullptr), 0);
+  g_object_unref(black);
+  std::string out(static_cast<char*>(buf), len);
+  g_free(buf);
+  return out;
+}
+
+std::unique_ptr<ICLPChatLog> LinkChat() {
+  auto url = std::make_shared<URL>();
+  url->relative = u"http://example.org/page?x=1";
+  return ICLPChatLog::FromParts(
+      u"Bob",
+      {Message(
+           u"Ann", March8(),
+           {{u"see "}, {u"this", LinkString(u"http://a.example/")}, {u" and "}, {u"that", url}}),
+       Message(u"", March8(1), {{u"Bob went away"}}),  // status line
+       Message(u"Bob", March8(2), {{u"no links here"}}),
+       Message(u"Bob", March8(-60 * 24 * 10), {{u"old", LinkString(u"http://feb.example/")}}),
+       Message(u"Bob", March8(3), {{u"ok", LinkString(u"http://b.example/")}})});
+}
+
+TEST(Gathering, OneEntryPerNonStatusMessageInOrder) {
+  auto chat = LinkChat();
+  auto links = chat->GatheredURLs();
+  ASSERT_EQ(links.size(), 4u);
+  EXPECT_EQ(links[0].speaker, u"Ann");
+  EXPECT_EQ(links[0].urls,
+            (std::vector<std::u16string>{u"http://a.example/", u"http://example.org/page?x=1"}));
+  EXPECT_EQ(links[1].speaker, u"Bob");
+  EXPECT_TRUE(links[1].urls.empty());
+  EXPECT_EQ(chat->GatheredImages().size(), 4u);
+  EXPECT_TRUE(
+      ICLPChatLog::FromParts(u"Bob", {Message(u"", March8(), {{u"x"}})})->GatheredURLs().empty());
+}
+
+TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
+  TestHome home;
+  home.Put("linktemplate.html", TestTemplate("____LINKS"));
+  auto chat = LinkChat();
+  ICLPLogGenerator::GenerateLinkFiles(chat.get());
+  ExpectGolden(home.Get("gatheredURLs.plist"), "merge_links_store.plist");
+  ExpectGolden(home.Get("Bob.html"), "merge_links_Bob.html");
+  ExpectGolden(home.Get("Links.html"), "merge_links_All.html");
+  // Merging the same chat again stores every link twice.
+  ICLPLogGenerator::GenerateLinkFiles(chat.get());
+  auto store = home.Get("gatheredURLs.plist");
+  size_t n = 0;
+  for (size_t at = store->find("<key>linkurl</key>"); at != std::string::npos;
+       at = store->find("<key>linkurl</key>", at + 1))
+    ++n;
+  EXPECT_EQ(n, 8u);
+}
+
+TEST(TranscriptMerge, UnparsableLinkStoreIsReportedAndKept) {
+  TestHome home;
+  home.Put("linktemplate.html", TestTemplate("____LINKS"));
+  home.Put("gatheredURLs.plist", "<?xml version=\"1.0\"?><plist><array><dict>");
+  auto chat = LinkChat();
+  ::testing::internal::CaptureStderr();
+  ICLPLogGenerator::GenerateLinkFiles(chat.get());
+  std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Link file failed to write to path: " + home.data() + "/gatheredURLs.plist"),
+            std::string::npos);
+  EXPECT_EQ(Preferences::Shared().String("reportThis"), "permissions");
+  EXPECT_EQ(home.Get("gatheredURLs.plist"), "<?xml version=\"1.0\"?><plist><array><dict>");
+  EXPECT_FALSE(home.Has("Bob.html"));
+}
+
+std::unique_ptr<ICLPChatLog> ImageChat() {
+  auto dir = FileNamed(u"folder.d", "", /*regular=*/false);
+  return ICLPChatLog::FromParts(
+      u"Bob", {Message(u"Ann", March8(),
+                       {{u"look"}, {u"\uFFFC", nullptr, FileNamed(u"photo.jpg", Png(64, 48))}}),
+               Message(u"Bob", March8(1),
+                       {{u"\uFFFC", nullptr, FileNamed(std::nullopt, Png(30, 70))},
+                        {u"\uFFFC", nullptr, dir},  // not a file: keeps the size before it
+                        {u"\uFFFC", nullptr, FileNamed(u"notes.pdf", "not really a pdf")}}),
+               Message(u"Bob", March8(2),
+                       {{u"\uFFFC", nullptr, FileNamed(u"../../escape.png", Png(8, 8))},
+                        {u"\uFFFC", nullptr, FileNamed(u"x.png", Png(8, 8))}}),
+               Message(u"a/b", March8(3), {{u"\uFFFC", nullptr, FileNamed(u"y.png", Png(8, 8))}})});
+}
+
+TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
+  TestHome home;
+  home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
+  auto chat = ImageChat();
+  ICLPLogGenerator::GenerateImageFiles(chat.get());
+  ExpectGolden(home.Get("gatheredImages.plist"), "merge_images_store.plist");
+  ExpectGolden(home.Get("Images.html"), "merge_images_All.html");
+  EXPECT_EQ(home.Get("Images/photo-Ann-2005-03-08 15:07:42 -0500.jpg"), Png(64, 48));
+  EXPECT_TRUE(home.Has("Images/Bob-2005-03-08 15:08:42 -0500.image"));
+  EXPECT_TRUE(home.Has("Images/notes-Bob-2005-03-08 15:08:42 -0500.pdf"));
+  EXPECT_FALSE(home.Has("Images/folder-Bob-2005-03-08 15:08:42 -0500.d"));
+  // Newest three: notes.pdf (the last of three equal dates), x.png (after
+  // the refused escape.png of the same date) and the image of "a/b", whose
+  // stored name is not one component and so is not copied.
+  EXPECT_EQ(home.Get("Images/topimages/01.pdf"), "not really a pdf");
+  EXPECT_EQ(home.Get("Images/topimages/02.png"), Png(8, 8));
+  EXPECT_FALSE(home.Has("Images/topimages/03.png"));
+  // No name from the chat reaches outside the data folder.
+  for (const auto& f : home.AllFiles()) EXPECT_EQ(f.rfind("Library/Gabfolio/", 0), 0u) << f;
+  EXPECT_FALSE(home.Has("a"));
+}
+
+TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
+  TestHome home;
+  auto& prefs = Preferences::Shared();
+  prefs.SetAppValue("bookmarkEntry",
+                    PrefValue(std::string("<a href=\"%1$@\">%2$@</a> %3$@ %4$@ %s%%\n")));
+  prefs.SetAppValue("imageEntry", PrefValue(std::string("%@ from %@ at %@\n")));
+  home.Put("links.txt", "before\n");
+  home.Put("images.txt", "");
+  auto links = LinkChat();
+  links->ExtendURLLog(home.data() + "/./links.txt");  // any spelling of the folder
+  EXPECT_EQ(
+      home.Get("links.txt"),
+      "before\n"
+      "<a href=\"http://a.example/\">http://a.example/</a> Ann Tue March 8, 03:07PM %s%\n"
+      "<a href=\"http://example.org/page?x=1\">http://example.org/page?x=1</a> Ann Tue March 8, "
+      "03:07PM %s%\n"
+      "<a href=\"http://feb.example/\">http://feb.example/</a> Bob Sat February 26, 03:07PM %s%\n"
+      "<a href=\"http://b.example/\">http://b.example/</a> Bob Tue March 8, 03:10PM %s%\n");
+  auto images = ImageChat();
+  images->ExtendImageLog(home.data() + "/images.txt");
+  auto text = home.Get("images.txt");
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->substr(0, text->find('\n') + 1),
+            "photo-Ann-TueMar80307PM.jpg from Ann at Tue March 8, 03:07PM\n");
+  EXPECT_TRUE(home.Has("Images/photo-Ann-TueMar80307PM.jpg"));
+  EXPECT_TRUE(home.Has("Images/Bob-TueMar80308PM.image"));
+  for (const auto& f : home.AllFiles()) EXPECT_EQ(f.rfind("Library/Gabfolio/", 0), 0u) << f;
+}
+
+TEST(TextLogs, MissingLogOrFormatAddsNothingButImagesAreStillCopied) {
+  TestHome home;
+  auto& prefs = Preferences::Shared();
+  prefs.SetAppValue("bookmarkEntry", std::nullopt);
+  prefs.SetAppValue("imageEntry", PrefValue(std::string("%@\n")));
+  home.Put("links.txt", "kept\n");
+  LinkChat()->ExtendURLLog(home.data() + "/links.txt");
+  EXPECT_EQ(home.Get("links.txt"), "kept\n");
+  ImageChat()->ExtendImageLog(home.data() + "/absent.txt");
+  EXPECT_FALSE(home.Has("absent.txt"));
+  EXPECT_TRUE(home.Has("Images/photo-Ann-TueMar80307PM.jpg"));
+  // A log outside the data folder is not touched.
+  std::ofstream(home.home() + "/outside.txt") << "x";
+  prefs.SetAppValue("bookmarkEntry", PrefValue(std::string("%@\n")));
+  LinkChat()->ExtendURLLog(home.home() + "/outside.txt");
+  EXPECT_EQ(ReadWholeFile(home.home() + "/outside.txt"), "x");
+}
+
+}  // namespace
+}  // namespace gab

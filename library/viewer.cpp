@@ -1,0 +1,255 @@
+#include "library/viewer.h"
+
+#include <Poco/Net/HTTPRequestHandler.h>
+#include <Poco/Net/HTTPRequestHandlerFactory.h>
+#include <Poco/Net/HTTPServer.h>
+#include <Poco/Net/HTTPServerParams.h>
+#include <Poco/Net/HTTPServerRequest.h>
+#include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/ServerSocket.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "platform/text.h"
+
+namespace gab {
+namespace {
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// One character of the request as the page had it: a plain byte, or a
+// percent-encoded byte sequence the browser made of one character (ASCII or
+// UTF-8).  Returns the code point, or -1.
+long ReadBrowserChar(std::string_view raw, size_t& i) {
+  auto byteAt = [&](size_t& j) -> int {
+    if (j >= raw.size()) return -1;
+    if (raw[j] != '%') return static_cast<unsigned char>(raw[j++]);
+    if (j + 2 >= raw.size()) return -1;
+    int h = HexValue(raw[j + 1]), l = HexValue(raw[j + 2]);
+    if (h < 0 || l < 0) return -1;
+    j += 3;
+    return h * 16 + l;
+  };
+  int b = byteAt(i);
+  if (b < 0) return -1;
+  if (b < 0x80) return b;
+  int extra = b >= 0xF0 ? 3 : b >= 0xE0 ? 2 : b >= 0xC0 ? 1 : -1;
+  if (extra < 0) return -1;
+  long cp = b & (0x3F >> extra);
+  for (int k = 0; k < extra; ++k) {
+    int c = byteAt(i);
+    if (c < 0 || (c & 0xC0) != 0x80) return -1;
+    cp = (cp << 6) | (c & 0x3F);
+  }
+  return cp;
+}
+
+}  // namespace
+
+std::optional<std::u16string> DecodeLibraryPath(std::string_view raw) {
+  std::u16string out;
+  size_t i = 0;
+  while (i < raw.size()) {
+    if (raw[i] != '%') {
+      long c = ReadBrowserChar(raw, i);  // a plain character (raw UTF-8 too)
+      if (c < 0 || c > 0xFFFF) return std::nullopt;
+      out += char16_t(c);
+      continue;
+    }
+    ++i;
+    // The first digit: '0'-'9' stands for 0-9, anything from 'A' up for the
+    // value plus 0x37 (so 'A'-'F' are 10-15, and larger values go on).  It is
+    // never a plain '%', so a '%' here is the browser's encoding of it.
+    long high = ReadBrowserChar(raw, i);
+    if (high < '0' || (high > '9' && high < 'A') || high > 0x37 + 0xFFF) return std::nullopt;
+    long value = high <= '9' ? high - '0' : high - 0x37;
+    if (i >= raw.size()) return std::nullopt;
+    int low = HexValue(raw[i]);
+    if (low < 0 || (raw[i] >= 'a' && raw[i] <= 'f')) return std::nullopt;
+    ++i;
+    out += char16_t((value << 4) | low);
+  }
+  return out;
+}
+
+namespace {
+
+std::string TypeFor(const std::string& name, std::string_view head) {
+  auto ext = name.substr(name.rfind('.') == std::string::npos ? name.size() : name.rfind('.') + 1);
+  if (ext == "html" || ext == "htm") return "text/html; charset=utf-8";
+  auto starts = [&](std::string_view magic) { return head.substr(0, magic.size()) == magic; };
+  // Attachments keep whatever extension they came with (or ".image"): the
+  // bytes decide.
+  if (starts("\x89PNG")) return "image/png";
+  if (starts("\xFF\xD8\xFF")) return "image/jpeg";
+  if (starts("GIF8")) return "image/gif";
+  if (starts("%PDF")) return "application/pdf";
+  if (starts("BM")) return "image/bmp";
+  if (starts("II*") || starts("MM\0*")) return "image/tiff";
+  if (starts("RIFF") && head.substr(8, 4) == "WEBP") return "image/webp";
+  if (ext == "txt") return "text/plain; charset=utf-8";
+  return "application/octet-stream";
+}
+
+}  // namespace
+
+LibraryFile ResolveLibraryRequest(const std::string& folder, std::string_view target) {
+  LibraryFile file;
+  std::string_view raw = target.substr(0, target.find_first_of("?#"));
+  if (raw.empty() || raw[0] != '/') return file;
+  if (raw == "/") {
+    file.status = 301;
+    file.location = "/Links.html";
+    return file;
+  }
+  auto decoded = DecodeLibraryPath(raw.substr(1));
+  if (!decoded) return file;
+  std::string path = ToUtf8(*decoded);
+  std::vector<std::string> parts;
+  for (size_t from = 0;;) {
+    size_t slash = path.find('/', from);
+    parts.push_back(path.substr(from, slash - from));
+    if (slash == std::string::npos) break;
+    from = slash + 1;
+  }
+  for (const auto& p : parts)
+    if (p.empty() || p == "." || p == ".." || p.find('\0') != std::string::npos) {
+      file.status = 403;
+      return file;
+    }
+  // Walk down without following links, so nothing outside the folder is reached.
+  int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (size_t k = 0; fd >= 0 && k < parts.size(); ++k) {
+    bool last = k + 1 == parts.size();
+    int next =
+        openat(fd, parts[k].c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | (last ? 0 : O_DIRECTORY));
+    close(fd);
+    fd = next;
+  }
+  if (fd < 0) return file;
+  struct stat st {};
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    file.status = 403;
+    return file;
+  }
+  std::string body;
+  body.reserve(size_t(st.st_size));
+  char buf[1 << 16];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    body.append(buf, size_t(n));
+  }
+  close(fd);
+  file.status = 200;
+  file.contentType = TypeFor(parts.back(), std::string_view(body).substr(0, 16));
+  file.body = std::move(body);
+  return file;
+}
+
+namespace {
+
+using Poco::Net::HTTPResponse;
+
+class FileHandler : public Poco::Net::HTTPRequestHandler {
+ public:
+  explicit FileHandler(const std::string& folder) : folder_(folder) {}
+  void handleRequest(Poco::Net::HTTPServerRequest& request,
+                     Poco::Net::HTTPServerResponse& response) override {
+    // Chat text never runs as script here, whatever the page or file.
+    response.set("Content-Security-Policy", "script-src 'none'");
+    response.set("X-Content-Type-Options", "nosniff");
+    response.set("Cache-Control", "no-cache");
+    const std::string& method = request.getMethod();
+    if (method != "GET" && method != "HEAD") {
+      response.set("Allow", "GET, HEAD");
+      response.setStatusAndReason(HTTPResponse::HTTP_METHOD_NOT_ALLOWED);
+      response.setContentLength(0);
+      response.send();
+      return;
+    }
+    LibraryFile file = ResolveLibraryRequest(folder_, request.getURI());
+    if (file.status == 301) {
+      response.set("Location", file.location);
+      response.setStatusAndReason(HTTPResponse::HTTP_MOVED_PERMANENTLY);
+      response.setContentLength(0);
+      response.send();
+      return;
+    }
+    if (file.status != 200) {
+      response.setStatusAndReason(file.status == 403 ? HTTPResponse::HTTP_FORBIDDEN
+                                                     : HTTPResponse::HTTP_NOT_FOUND);
+      response.setContentType("text/plain; charset=utf-8");
+      std::string text = file.status == 403 ? "Forbidden\n" : "Not found\n";
+      response.setContentLength(std::streamsize(text.size()));
+      if (method == "HEAD") {
+        response.send();
+      } else {
+        response.sendBuffer(text.data(), text.size());
+      }
+      return;
+    }
+    response.setContentType(file.contentType);
+    response.setContentLength(std::streamsize(file.body.size()));
+    if (method == "HEAD") {
+      response.send();
+    } else {
+      response.sendBuffer(file.body.data(), file.body.size());
+    }
+  }
+
+ private:
+  const std::string& folder_;
+};
+
+class Factory : public Poco::Net::HTTPRequestHandlerFactory {
+ public:
+  explicit Factory(std::string folder) : folder_(std::move(folder)) {}
+  Poco::Net::HTTPRequestHandler* createRequestHandler(
+      const Poco::Net::HTTPServerRequest&) override {
+    return new FileHandler(folder_);
+  }
+
+ private:
+  std::string folder_;
+};
+
+}  // namespace
+
+struct LibraryViewer::Impl {
+  std::unique_ptr<Poco::Net::HTTPServer> server;
+};
+
+LibraryViewer::LibraryViewer(std::string folder, uint16_t port) : impl_(std::make_unique<Impl>()) {
+  try {
+    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port));
+    port_ = socket.address().port();
+    auto* params = new Poco::Net::HTTPServerParams;
+    params->setMaxThreads(4);
+    params->setKeepAlive(true);
+    impl_->server =
+        std::make_unique<Poco::Net::HTTPServer>(new Factory(std::move(folder)), socket, params);
+    impl_->server->start();
+  } catch (const Poco::Exception& e) {
+    error_ = e.displayText();
+  } catch (const std::exception& e) {
+    error_ = e.what();
+  }
+}
+
+LibraryViewer::~LibraryViewer() {
+  if (impl_->server) impl_->server->stopAll(true);
+}
+
+}  // namespace gab

@@ -1,0 +1,65 @@
+#include "platform/alert.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "platform/tests/alert_test_bus.h"
+
+namespace gab {
+namespace {
+
+using test::NotificationServer;
+using test::SessionBus;
+
+bool DbusDaemonAvailable() {
+  return std::system("command -v dbus-daemon >/dev/null 2>&1") == 0;
+}
+
+std::vector<test::Notification> WaitForNotifications(NotificationServer& server, size_t count) {
+  for (int i = 0; i < 250 && server.Received().size() < count; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return server.Received();
+}
+
+TEST(Alert, NotificationCarriesTheTextOneOkActionAndTheBell) {
+  if (!DbusDaemonAvailable()) GTEST_SKIP() << "no dbus-daemon";
+  SessionBus bus;
+  ASSERT_FALSE(bus.address().empty());
+  NotificationServer server(bus.address());
+  ASSERT_TRUE(server.ready());
+
+  const std::string text = "Line one\nand \"two\" \xc3\xa9";
+  EXPECT_TRUE(ShowAlertOnBus(bus.address(), text));
+  auto received = WaitForNotifications(server, 1);
+  ASSERT_EQ(received.size(), 1u);
+  const auto& n = received[0];
+  EXPECT_EQ(n.appName, "Gabfolio");
+  EXPECT_EQ(n.summary, "Gabfolio");
+  EXPECT_EQ(n.body, text);
+  EXPECT_EQ(n.actions, (std::vector<std::string>{"OK", "OK"}));
+  ASSERT_EQ(n.stringHints.count("sound-name"), 1u);
+  EXPECT_EQ(n.stringHints.at("sound-name"), "bell");
+  EXPECT_EQ(n.timeout, -1);
+}
+
+TEST(Alert, WithoutServerOrBusOnlyALogLine) {
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(ShowAlertOnBus("unix:path=/nonexistent/gabfolio-bus", "no bus"));
+  std::string log = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Alert not shown (no session bus"), std::string::npos) << log;
+  EXPECT_NE(log.find("no bus"), std::string::npos) << log;
+
+  if (!DbusDaemonAvailable()) GTEST_SKIP() << "no dbus-daemon";
+  SessionBus bus;
+  ASSERT_FALSE(bus.address().empty());
+  ::testing::internal::CaptureStderr();
+  EXPECT_FALSE(ShowAlertOnBus(bus.address(), "nobody listens"));
+  log = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("Alert not shown (no notification server): nobody listens"), std::string::npos)
+      << log;
+}
+
+}  // namespace
+}  // namespace gab

@@ -1,0 +1,278 @@
+// The whole product at work: gabfolio setup, the agent watching
+// ~/Documents/iChats and running the real parser, mail through a real SMTP
+// server on loopback, the library and statistics growing; and gabfolio
+// import over a folder of many transcripts.
+
+#include <gtest/gtest.h>
+
+#include "parser/processor.h"
+#include "parser/record.h"
+#include "parser/run_lock.h"
+#include "platform/plist.h"
+#include "platform/preferences.h"
+#include "platform/testing/temp_home.h"
+#include "tests/fixtures/chats.h"
+#include "tests/product_harness.h"
+
+namespace gab::product {
+namespace {
+
+using samples::Chat;
+using samples::ChatLine;
+
+constexpr double kMarch2005 = 1110294420;  // 2005-03-08 15:07 UTC
+
+class ProductTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    bool templates = false;
+    for (auto& e : fs::directory_iterator(GABFOLIO_SOURCE_DIR "/data"))
+      templates |= e.path().extension() == ".html";
+    if (!templates) GTEST_SKIP() << "no templates in data/ yet";
+    Result r = Tool({"setup"});
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+
+  fs::path home() const { return home_.path(); }
+  fs::path lib() const { return home() / "Library/Gabfolio"; }
+  fs::path chats() const { return home() / "Documents/iChats"; }
+  Preferences Prefs() const {
+    return Preferences((home() / "Library/Preferences/com.tidewrack.gabfolio.plist").string());
+  }
+  Result Tool(std::vector<std::string> args) {
+    args.insert(args.begin(), kTool);
+    return RunProgram(args, home() / ".logs");
+  }
+  parser::Record Record() const { return parser::LoadRecord((lib() / "processed.plist").string()); }
+  std::optional<parser::State> StateOf(const Chat& c) const {
+    auto r = Record();
+    auto it = r.transcripts.find(samples::FileName(c));
+    if (it == r.transcripts.end()) return std::nullopt;
+    return it->second.state;
+  }
+  size_t Lines(const std::string& name) const { return CountOf(ReadFile(lib() / name), "\n"); }
+  int64_t Statistic(const char* key) const {
+    PlistPtr p = ReadPlistFile((lib() / "talkpulse.plist").string());
+    plist_t v = p ? plist_dict_get_item(p.get(), key) : nullptr;
+    uint64_t n = 0;
+    if (v) plist_get_uint_val(v, &n);
+    return int64_t(n);
+  }
+  // Writes a chat outside the folder and renames it in: how the chat client
+  // saves, and a folder event the agent sees.
+  void RenameIn(const Chat& c) {
+    fs::create_directories(home() / "outside");
+    std::string p = samples::WriteChat((home() / "outside").string(), c);
+    fs::rename(p, chats() / samples::FileName(c));
+  }
+  void CopyIn(const Chat& c) {
+    std::ofstream(chats() / samples::FileName(c), std::ios::binary) << samples::Archive(c);
+  }
+
+  testing::TempHome home_;
+};
+
+Chat Conversation(const std::string& party, double start, int lines, int links, int images,
+                  bool iChat3) {
+  Chat c;
+  c.party = party;
+  c.iChat3 = iChat3;
+  c.start = start;
+  c.others = {party};
+  for (int i = 0; i < lines; ++i) {
+    ChatLine l;
+    l.account = i % 2 ? "me" : party;
+    l.minute = i;
+    l.text = "line " + std::to_string(i) + " of the chat with " + party;
+    if (i < links) l.links.push_back("http://example.org/" + party + "/" + std::to_string(i));
+    if (i < images)
+      l.attachments.push_back({"photo" + std::to_string(i) + ".png", samples::PngImage(4, 3)});
+    c.lines.push_back(l);
+  }
+  return c;
+}
+
+std::vector<std::string> Subjects(const SmtpSink& sink) {
+  std::vector<std::string> out;
+  for (const auto& m : sink.Messages()) out.push_back(Header(m, "Subject"));
+  return out;
+}
+
+TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
+  if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+  SmtpSink sink(home() / "sink");
+  ASSERT_TRUE(sink.Start());
+  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
+                   "me@example.org", "--from", "gabfolio@example.org", "--no-login", "--no-test"});
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  Process agent({kAgent}, home() / ".logs", "agent", {"GABFOLIO_MAIL_RETRY_SECONDS=0"});
+  auto log = [&] { return agent.err() + agent.out(); };
+  ASSERT_TRUE(WaitFor([&] { return fs::exists(lib() / "pidfile"); }, 10)) << log();
+  // The first start greets the user.
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 1; }, 15)) << log();
+  EXPECT_EQ(Subjects(sink)[0], "[IM] Welcome to Gabfolio!");
+
+  // Copied in: mailed with both parts, gathered, counted.
+  Chat anna = Conversation("Anna", kMarch2005, 6, 2, 1, true);
+  CopyIn(anna);
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 2; })) << log();
+  std::string mail = sink.Messages()[1];
+  EXPECT_EQ(Header(mail, "Subject"), "[IM] Anna");
+  EXPECT_NE(Header(mail, "Content-Type").find("multipart/alternative"), std::string::npos);
+  EXPECT_NE(mail.find("Content-Type: text/plain"), std::string::npos);
+  EXPECT_NE(mail.find("Content-Type: text/html"), std::string::npos);
+  // The record is written before the library is touched; the statistics
+  // come last.
+  ASSERT_TRUE(WaitFor([&] { return StateOf(anna) == parser::State::kDone; })) << log();
+  ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 1; })) << log();
+  EXPECT_EQ(Lines("links.txt"), 2u);
+  EXPECT_EQ(Lines("images.txt"), 1u);
+  EXPECT_EQ(Statistic("chatcount"), 1);
+  EXPECT_EQ(Statistic("linkcount"), 2);
+  EXPECT_TRUE(fs::exists(lib() / "stats.html"));
+  EXPECT_TRUE(fs::exists(lib() / "gatheredURLs.plist"));
+  EXPECT_TRUE(fs::exists(lib() / "gatheredImages.plist"));
+
+  // Renamed in, the older format.
+  Chat bo = Conversation("Bo", kMarch2005 + 86400, 4, 1, 0, false);
+  RenameIn(bo);
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 3; })) << log();
+  EXPECT_EQ(Subjects(sink)[2], "[IM] Bo");
+  ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 2; })) << log();
+  EXPECT_EQ(Lines("links.txt"), 3u);
+
+  // Anna's chat grows by two lines with one more link and one more image:
+  // only those are added, the mail carries the whole chat again.
+  Chat grown = Conversation("Anna", kMarch2005, 8, 2, 1, true);
+  grown.lines[6].links = {"http://example.org/Anna/late"};
+  grown.lines[7].attachments = {{"late.png", samples::PngImage(3, 4)}};
+  RenameIn(grown);
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 4; })) << log();
+  EXPECT_EQ(Subjects(sink)[3], "[IM] Anna");
+  ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 3; })) << log();
+  EXPECT_EQ(Lines("links.txt"), 4u);
+  EXPECT_EQ(Lines("images.txt"), 2u);
+  EXPECT_EQ(Statistic("linkcount"), 4);
+  EXPECT_EQ(CountOf(ReadFile(lib() / "links.txt"), "http://example.org/Anna/0"), 2u)
+      << "the link and its label, once";
+  EXPECT_EQ(Record().transcripts.at(samples::FileName(anna)).handled, 8);
+
+  // The server goes away: the mail fails, stays pending, the library grows
+  // all the same, and the error counter goes up.
+  sink.Stop();
+  Chat cy = Conversation("Cy", kMarch2005 + 2 * 86400, 3, 1, 0, true);
+  RenameIn(cy);
+  ASSERT_TRUE(WaitFor([&] { return StateOf(cy) == parser::State::kMailPending; })) << log();
+  ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 4; })) << log();
+  EXPECT_EQ(Prefs().String("reportThis"), "SMTP unreachable");
+  EXPECT_EQ(Prefs().Int("emailFails"), 1);
+  EXPECT_EQ(Lines("links.txt"), 5u);
+
+  // Back again: the next folder event sends the pending mail and the new one.
+  ASSERT_TRUE(sink.Start());
+  Chat di = Conversation("Di", kMarch2005 + 3 * 86400, 3, 0, 0, true);
+  RenameIn(di);
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 6; })) << log();
+  auto subjects = Subjects(sink);
+  std::sort(subjects.begin() + 4, subjects.end());
+  EXPECT_EQ(subjects[4], "[IM] Cy");
+  EXPECT_EQ(subjects[5], "[IM] Di");
+  ASSERT_TRUE(WaitFor([&] { return StateOf(cy) == parser::State::kDone; })) << log();
+  EXPECT_EQ(Prefs().Int("emailFails"), 0);
+  EXPECT_EQ(Lines("links.txt"), 5u) << "a retried mail gathers nothing again";
+
+  agent.Signal(SIGTERM);
+  EXPECT_EQ(agent.Wait(10), 0);
+  EXPECT_FALSE(fs::exists(lib() / "pidfile"));
+  EXPECT_EQ(sink.Messages().size(), 6u);
+}
+
+TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
+  fs::path old = home() / "old chats";
+  fs::create_directories(old / "2004");
+  const int kCount = 60;
+  for (int i = 0; i < kCount; ++i) {
+    Chat c = samples::TypicalChat("friend" + std::to_string(i % 7), kMarch2005 + i * 3600, 10,
+                                  i % 2 == 0);
+    samples::WriteChat((old / (i % 3 ? "" : "2004")).string(), c);
+  }
+  std::ofstream(old / "Broken on 2005-01-01 at 10.00.ichat") << "not an archive";
+  std::ofstream(old / "notes.chat") << "no party in the name";
+  {
+    // Mail is on, but an import never mails.
+    Preferences prefs = Prefs();
+    prefs.SetAppValue("sendEmails", true);
+    prefs.SetAppValue("emailServer", std::string("127.0.0.1"));
+    prefs.SetAppValue("emailPort", int64_t(9));
+    ASSERT_TRUE(prefs.AppSynchronize());
+  }
+
+  // Stopped part-way (as with Ctrl-C) ...
+  Process first({kTool, "import", old.string()}, home() / ".logs", "import1");
+  std::this_thread::sleep_for(std::chrono::milliseconds(700));
+  first.Signal(SIGINT);
+  auto st = first.Wait(120);
+  ASSERT_TRUE(st == 130 || st == 0) << first.err();
+  int64_t afterFirst = Statistic("chatcount");
+
+  // ... and run again: every transcript exactly once.
+  Result r = Tool({"import", old.string()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Transcripts found:     " + std::to_string(kCount + 2)), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("Imported now:          " + std::to_string(kCount - afterFirst)),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(Statistic("chatcount"), kCount);
+  // TypicalChat: a link on every third of 10 lines, an image on every fifth.
+  EXPECT_EQ(Statistic("linkcount"), kCount * 3);
+  EXPECT_EQ(Statistic("imagecount"), kCount * 2);
+  EXPECT_EQ(Lines("links.txt"), size_t(kCount * 3));
+  EXPECT_EQ(Prefs().Int("emailFails"), 0);
+  EXPECT_FALSE(Prefs().String("reportThis").has_value());
+  if (afterFirst == 0) {
+    // The first run was stopped before its first transcript: the unreadable
+    // ones are reported by the second.
+    EXPECT_NE(r.out.find("Broken on 2005-01-01 at 10.00.ichat: "), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("notes.chat: "), std::string::npos) << r.out;
+  }
+
+  r = Tool({"import", old.string()});
+  ASSERT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("Imported now:          0"), std::string::npos) << r.out;
+  EXPECT_EQ(Statistic("chatcount"), kCount);
+
+  // Moved into the transcript folder afterwards, they are not new to the
+  // parser either.
+  fs::rename(old / "2004", chats() / "2004");
+  Result parse = RunProgram({kParser, kParser}, home() / ".logs");
+  EXPECT_EQ(parse.status, 0) << parse.err;
+  EXPECT_EQ(Statistic("chatcount"), kCount);
+  EXPECT_EQ(parse.err.find("Processed"), std::string::npos) << parse.err;
+}
+
+TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
+  for (int i = 0; i < 5; ++i)
+    samples::WriteChat(chats().string(),
+                       samples::TypicalChat("p" + std::to_string(i), kMarch2005 + i * 60, 6, true));
+  // A held lock makes a second run wait; when the holder ends it goes on.
+  parser::RunLock lock;
+  ASSERT_TRUE(lock.Acquire(parser::LockPath(lib().string()), 0));
+  Process waiting({kParser, kParser}, home() / ".logs", "parser-waiting");
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_FALSE(fs::exists(lib() / "processed.plist")) << "ran while the lock was held";
+  lock.Release();
+  EXPECT_EQ(waiting.Wait(60), 0) << waiting.err();
+  EXPECT_EQ(Statistic("chatcount"), 5);
+
+  std::string before = ReadFile(lib() / "processed.plist");
+  Result again = RunProgram({kParser, kParser}, home() / ".logs");
+  EXPECT_EQ(again.status, 0);
+  EXPECT_EQ(again.err, "");
+  EXPECT_EQ(ReadFile(lib() / "processed.plist"), before);
+  EXPECT_EQ(Statistic("chatcount"), 5);
+}
+
+}  // namespace
+}  // namespace gab::product

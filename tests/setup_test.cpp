@@ -1,0 +1,170 @@
+// gabfolio setup and gabfolio service, run as the user would run them.
+
+#include <gtest/gtest.h>
+
+#include "platform/preferences.h"
+#include "platform/testing/temp_home.h"
+#include "tests/product_harness.h"
+
+namespace gab::product {
+namespace {
+
+class SetupTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    bool templates = false;
+    for (auto& e : fs::directory_iterator(GABFOLIO_SOURCE_DIR "/data"))
+      templates |= e.path().extension() == ".html";
+    if (!templates) GTEST_SKIP() << "no templates in data/ yet";
+  }
+  fs::path home() const { return home_.path(); }
+  fs::path lib() const { return home() / "Library/Gabfolio"; }
+  Preferences Prefs() const {
+    return Preferences((home() / "Library/Preferences/com.tidewrack.gabfolio.plist").string());
+  }
+  Result Tool(std::vector<std::string> args, std::optional<std::string> input = {}) {
+    args.insert(args.begin(), kTool);
+    return RunProgram(args, home() / ".logs", {}, input);
+  }
+
+  testing::TempHome home_;
+};
+
+TEST_F(SetupTest, FreshHomeGetsFoldersFilesAndDefaults) {
+  Result r = Tool({"setup"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(fs::is_directory(lib() / "Images"));
+  EXPECT_TRUE(fs::is_directory(home() / "Documents/iChats"));
+  EXPECT_EQ(ReadFile(lib() / "links.txt"), "");
+  EXPECT_EQ(ReadFile(lib() / "images.txt"), "");
+  for (auto& e : fs::directory_iterator(GABFOLIO_SOURCE_DIR "/data")) {
+    auto ext = e.path().extension();
+    if (ext == ".html" || ext == ".plist") {
+      EXPECT_EQ(ReadFile(lib() / e.path().filename()), ReadFile(e.path())) << e.path();
+    }
+  }
+  Preferences prefs = Prefs();
+  EXPECT_EQ(prefs.String("parserPath"), fs::canonical(kParser).string());
+  EXPECT_TRUE(prefs.Bool("handleURLs"));
+  EXPECT_TRUE(prefs.Bool("handleImages"));
+  ASSERT_TRUE(prefs.CopyAppValue("sendEmails"));
+  EXPECT_FALSE(prefs.Bool("sendEmails"));
+  EXPECT_EQ(CountOf(prefs.String("bookmarkEntry").value_or(""), "%@"), 4u);
+  EXPECT_EQ(CountOf(prefs.String("imageEntry").value_or(""), "%@"), 3u);
+  EXPECT_NE(r.out.find("Mail is off"), std::string::npos);
+}
+
+TEST_F(SetupTest, SecondRunKeepsWhatTheUserChangedAndForcePutsItBack) {
+  ASSERT_EQ(Tool({"setup"}).status, 0);
+  std::string name;
+  for (auto& e : fs::directory_iterator(lib()))
+    if (e.path().extension() == ".html") name = e.path().filename().string();
+  ASSERT_FALSE(name.empty());
+  std::string original = ReadFile(lib() / name);
+  std::ofstream(lib() / name) << "<html>mine</html>";
+  std::ofstream(lib() / "links.txt") << "a line of mine\n";
+  {
+    Preferences prefs = Prefs();
+    prefs.SetAppValue("handleURLs", false);
+    prefs.SetAppValue("bookmarkEntry", std::string("%@ %@ %@ %@\n"));
+    ASSERT_TRUE(prefs.AppSynchronize());
+  }
+
+  Result r = Tool({"setup"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(ReadFile(lib() / name), "<html>mine</html>");
+  EXPECT_NE(r.out.find("kept     " + name), std::string::npos) << r.out;
+  EXPECT_FALSE(Prefs().Bool("handleURLs"));
+  EXPECT_EQ(Prefs().String("bookmarkEntry"), "%@ %@ %@ %@\n");
+
+  r = Tool({"setup", "--force"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(ReadFile(lib() / name), original);
+  EXPECT_TRUE(Prefs().Bool("handleURLs"));
+  EXPECT_NE(Prefs().String("bookmarkEntry"), "%@ %@ %@ %@\n");
+  // The library itself is never reset.
+  EXPECT_EQ(ReadFile(lib() / "links.txt"), "a line of mine\n");
+}
+
+TEST_F(SetupTest, UsageErrorsAndHelp) {
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    const char* text;
+  } cases[] = {
+      {{"setup", "--help"}, 0, "usage: gabfolio setup"},
+      {{"setup", "--bogus"}, 2, "unknown option"},
+      {{"setup", "--port", "99999"}, 2, "bad port"},
+      {{"setup", "--server"}, 2, "needs a value"},
+      // No terminal and no server given: mail cannot be configured.
+      {{"setup", "--mail"}, 2, "mail needs a server"},
+      {{"import", "--help"}, 0, "usage: gabfolio import"},
+      {{"import", "a", "b"}, 2, "one folder"},
+      {{"service"}, 2, "usage: gabfolio service"},
+      {{"service", "restart"}, 2, "unknown action"},
+      {{"nonsense"}, 2, "unknown command"},
+  };
+  for (const auto& c : cases) {
+    Result r = Tool(c.args);
+    EXPECT_EQ(r.status, c.status) << c.args[0] << " " << c.args.back();
+    EXPECT_NE((r.out + r.err).find(c.text), std::string::npos)
+        << c.args.back() << ": " << r.out << r.err;
+  }
+}
+
+TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {
+  if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+  SmtpSink sink(home() / "sink");
+  ASSERT_TRUE(sink.Start());
+  Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
+                   "me@example.org", "--from", "gabfolio@example.org", "--no-login"});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 1; }, 10));
+  std::string mail = sink.Messages()[0];
+  EXPECT_EQ(Header(mail, "Subject"), "[IM] Gabfolio setup test");
+  EXPECT_NE(Header(mail, "To").find("me@example.org"), std::string::npos);
+  EXPECT_NE(mail.find("multipart/alternative"), std::string::npos);
+  Preferences prefs = Prefs();
+  EXPECT_TRUE(prefs.Bool("sendEmails"));
+  EXPECT_EQ(prefs.String("emailServer"), "127.0.0.1");
+  EXPECT_EQ(prefs.Int("emailPort"), sink.port());
+  EXPECT_EQ(prefs.Int("emailNeedsUsername"), 0);
+
+  // Server gone: the test fails with the reported reason and status 1.
+  sink.Stop();
+  r = Tool({"setup", "--mail"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("SMTP unreachable"), std::string::npos) << r.err;
+}
+
+TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
+  // A stand-in systemctl records its arguments; the real one is never run.
+  fs::path bin = home() / "bin";
+  fs::create_directories(bin);
+  std::ofstream(bin / "systemctl") << "#!/bin/sh\necho \"$@\" >> \"$HOME/systemctl.log\"\n";
+  fs::permissions(bin / "systemctl", fs::perms::owner_all);
+  std::string path = "PATH=" + bin.string() + ":/usr/bin:/bin";
+  fs::path unit = home() / ".config/systemd/user/gabfolio-agent.service";
+
+  Result r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string text = ReadFile(unit);
+  EXPECT_NE(text.find("ExecStart=" + fs::canonical(kAgent).string() + "\n"), std::string::npos)
+      << text;
+  EXPECT_NE(text.find("[Install]"), std::string::npos);
+  EXPECT_EQ(ReadFile(home() / "systemctl.log"),
+            "--user daemon-reload\n--user enable --now gabfolio-agent.service\n");
+
+  r = RunProgram({kTool, "service", "uninstall"}, home() / ".logs", {path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_FALSE(fs::exists(unit));
+
+  // systemctl failing (no user session) is an error the user hears about.
+  std::ofstream(bin / "systemctl") << "#!/bin/sh\nexit 1\n";
+  r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("systemctl --user failed"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace gab::product

@@ -1,0 +1,84 @@
+// gabfolio status: the error state the agent reports and whether it runs.
+#include <signal.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/files.h"
+#include "platform/home.h"
+#include "platform/preferences.h"
+#include "tool/commands.h"
+
+namespace gab::tool {
+namespace {
+
+constexpr const char* kHelp =
+    "usage: gabfolio status\n"
+    "\n"
+    "Shows the error state the agent keeps in the preferences (errorStatus,\n"
+    "reportThis, emailFails) and whether the agent runs, from its pid file\n"
+    "~/Library/Gabfolio/pidfile.  Clear an error with\n"
+    "'gabfolio defaults write errorStatus -int 0'.\n";
+
+const char* Meaning(int32_t code) {
+  switch (code) {
+    case 0:
+      return "no error";
+    case 1:
+      return "a file could not be written";
+    case 2:
+      return "the mail server failed";
+    case 3:
+      return "the mail server rejected the login";
+    case 4:
+      return "internal failure";
+    default:
+      return "unknown";
+  }
+}
+
+// The process named in the pid file, when it is alive and is the agent.
+std::string AgentState() {
+  std::string pidPath = DataFolder() + "/pidfile";
+  auto text = ReadWholeFile(pidPath);
+  if (!text) return "not running";
+  char* end = nullptr;
+  long pid = std::strtol(text->c_str(), &end, 10);
+  if (text->empty() || *end || pid <= 0 || pid > 0x3fffffff)
+    return "not running (unreadable pidfile " + pidPath + ")";
+  bool alive = ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
+  if (alive) {
+    // A recycled pid belongs to some other program.
+    auto comm = ReadWholeFile("/proc/" + std::to_string(pid) + "/comm");
+    if (comm && comm->rfind("gabfolio-agent", 0) != 0) alive = false;
+  }
+  if (alive) return "running (pid " + std::to_string(pid) + ")";
+  return "not running (stale pidfile, pid " + std::to_string(pid) + ")";
+}
+
+}  // namespace
+
+int RunStatus(int argc, char** argv) {
+  if (argc > 1 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
+    std::fputs(kHelp, stdout);
+    return kOk;
+  }
+  if (argc > 1) {
+    std::fputs(kHelp, stderr);
+    return kUsage;
+  }
+  auto& prefs = Preferences::Shared();
+  prefs.AppSynchronize();
+  int32_t errorStatus = prefs.Int("errorStatus");
+  auto report = prefs.String("reportThis");
+  std::printf("errorStatus: %d (%s)\n", errorStatus, Meaning(errorStatus));
+  std::printf("reportThis:  %s\n", report ? report->c_str() : "(none)");
+  std::printf("emailFails:  %d\n", prefs.Int("emailFails"));
+  std::printf("agent:       %s\n", AgentState().c_str());
+  return kOk;
+}
+
+}  // namespace gab::tool

@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/preferences.h"
+
+namespace gab {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Result {
+  int status;
+  std::string out;
+};
+
+class ToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/gabfolio-tool-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    home_ = tmpl;
+  }
+  void TearDown() override { fs::remove_all(home_); }
+
+  // Runs `gabfolio ARGS` with the temporary home; stdout only.
+  Result Run(const std::vector<std::string>& args) {
+    std::string cmd = "HOME='" + home_ + "' '" GABFOLIO_TOOL_PATH "'";
+    for (const auto& a : args) cmd += " '" + a + "'";
+    cmd += " 2>/dev/null";
+    FILE* p = popen(cmd.c_str(), "r");
+    Result r{-1, ""};
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    int status = pclose(p);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+  }
+  std::optional<PrefValue> Pref(const std::string& key) {
+    Preferences prefs(home_ + "/Library/Preferences/com.tidewrack.gabfolio.plist");
+    return prefs.CopyAppValue(key);
+  }
+  std::string home_;
+};
+
+TEST_F(ToolTest, DefaultsWriteReadDelete) {
+  struct Step {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+  };
+  const Step steps[] = {
+      {{"defaults", "read"}, 0, ""},
+      {{"defaults", "read", "emailFails"}, 1, ""},
+      {{"defaults", "write", "emailFails", "-int", "3"}, 0, ""},
+      {{"defaults", "write", "sendEmails", "-bool", "YES"}, 0, ""},
+      {{"defaults", "write", "handleURLs", "-bool", "false"}, 0, ""},
+      {{"defaults", "write", "parserPath", "/usr/bin/gabfolio-parser"}, 0, ""},
+      {{"defaults", "write", "emailServer", "-string", "-smtp-"}, 0, ""},
+      {{"defaults", "write", "emailPort", "-int", "25x"}, 2, ""},
+      {{"defaults", "write", "sendEmails", "-bool", "maybe"}, 2, ""},
+      {{"defaults", "write", "emailPort"}, 2, ""},
+      {{"defaults", "read", "emailFails"}, 0, "3\n"},
+      {{"defaults", "read", "sendEmails"}, 0, "1\n"},
+      {{"defaults", "read"},
+       0,
+       "emailFails = 3\nemailServer = -smtp-\nhandleURLs = 0\nparserPath = "
+       "/usr/bin/gabfolio-parser\nsendEmails = 1\n"},
+      {{"defaults", "delete", "handleURLs"}, 0, ""},
+      {{"defaults", "delete", "handleURLs"}, 1, ""},
+      {{"defaults", "frobnicate"}, 2, ""},
+  };
+  for (const auto& s : steps) {
+    SCOPED_TRACE(::testing::PrintToString(s.args));
+    Result r = Run(s.args);
+    EXPECT_EQ(r.status, s.status);
+    EXPECT_EQ(r.out, s.out);
+  }
+  EXPECT_EQ(Pref("emailFails"), std::optional<PrefValue>(int64_t(3)));
+  EXPECT_EQ(Pref("sendEmails"), std::optional<PrefValue>(true));
+  EXPECT_EQ(Pref("handleURLs"), std::nullopt);
+  EXPECT_EQ(Pref("emailPort"), std::nullopt);
+}
+
+TEST_F(ToolTest, StatusShowsErrorStateAndWhetherTheAgentRuns) {
+  Preferences prefs(home_ + "/Library/Preferences/com.tidewrack.gabfolio.plist");
+  prefs.SetAppValue("errorStatus", PrefValue(int64_t(3)));
+  prefs.SetAppValue("reportThis", PrefValue(std::string("login rejected")));
+  prefs.SetAppValue("emailFails", PrefValue(int64_t(3)));
+  ASSERT_TRUE(prefs.AppSynchronize());
+  fs::create_directories(home_ + "/Library/Gabfolio");
+  std::string pidfile = home_ + "/Library/Gabfolio/pidfile";
+
+  const std::string head =
+      "errorStatus: 3 (the mail server rejected the login)\nreportThis:  login rejected\n"
+      "emailFails:  3\n";
+  Result r = Run({"status"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, head + "agent:       not running\n");
+
+  // A live process that is not the agent (this test) does not count.
+  std::ofstream(pidfile) << getpid();
+  r = Run({"status"});
+  EXPECT_EQ(r.out, head + "agent:       not running (stale pidfile, pid " +
+                       std::to_string(getpid()) + ")\n");
+
+  EXPECT_EQ(Run({"status", "--help"}).status, 0);
+  EXPECT_EQ(Run({"defaults", "--help"}).status, 0);
+  EXPECT_EQ(Run({"status", "extra"}).status, 2);
+}
+
+TEST_F(ToolTest, StatusSeesTheRunningAgent) {
+  fs::create_directories(home_ + "/Library/Gabfolio");
+  std::string agent =
+      fs::path(GABFOLIO_TOOL_PATH).parent_path().parent_path() / "agent/gabfolio-agent";
+  if (!fs::exists(agent)) GTEST_SKIP() << "gabfolio-agent is not built";
+  pid_t pid = fork();
+  if (pid == 0) {
+    setenv("HOME", home_.c_str(), 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+    freopen("/dev/null", "w", stdout);
+    freopen("/dev/null", "w", stderr);
+    fs::create_directories(home_ + "/Documents/iChats");
+    execl(agent.c_str(), agent.c_str(), nullptr);
+    _exit(127);
+  }
+  std::string pidfile = home_ + "/Library/Gabfolio/pidfile";
+  for (int i = 0; i < 200 && !fs::exists(pidfile); ++i) usleep(20000);
+  Result r = Run({"status"});
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+  EXPECT_NE(r.out.find("agent:       running (pid " + std::to_string(pid) + ")\n"),
+            std::string::npos)
+      << r.out;
+}
+
+}  // namespace
+}  // namespace gab

@@ -71,19 +71,23 @@ bool TranscriptLibrary::Mail(ICLPChatLog& transcript, std::string* error) {
   return sent;
 }
 
+// A batch without links (images) leaves the stores, pages and text log as
+// they are: nothing would change but the files' times.
 int64_t TranscriptLibrary::GatherLinks(const ICLPChatLog& messages, const std::string& textLog) {
-  ICLPLogGenerator::GenerateLinkFiles(&messages);
-  messages.ExtendURLLog(textLog);
   int64_t n = 0;
   for (const auto& entry : messages.GatheredURLs()) n += int64_t(entry.urls.size());
+  if (n == 0) return 0;
+  ICLPLogGenerator::GenerateLinkFiles(&messages);
+  messages.ExtendURLLog(textLog);
   return n;
 }
 
 int64_t TranscriptLibrary::GatherImages(const ICLPChatLog& messages, const std::string& textLog) {
-  ICLPLogGenerator::GenerateImageFiles(&messages);
-  messages.ExtendImageLog(textLog);
   int64_t n = 0;
   for (const auto& entry : messages.GatheredImages()) n += int64_t(entry.images.size());
+  if (n == 0) return 0;
+  ICLPLogGenerator::GenerateImageFiles(&messages);
+  messages.ExtendImageLog(textLog);
   return n;
 }
 

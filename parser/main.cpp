@@ -73,6 +73,8 @@ int main(int argc, char** argv) {
   options.handleURLs = prefs.Bool("handleURLs");
   options.handleImages = prefs.Bool("handleImages");
   options.mailRetryDelaySeconds = RetryDelay();
+  // Well inside the agent's 180 seconds; the next run takes up the rest.
+  options.timeBudgetSeconds = 120;
 
   parser::TranscriptLibrary library(prefs);
   parser::RunSummary summary = parser::ProcessTranscripts(library, options);

@@ -13,6 +13,11 @@
 namespace gab::parser {
 namespace {
 
+// A batch of links and images is gathered after this many transcripts or
+// this much time, whichever comes first.
+constexpr size_t kBatchTranscripts = 200;
+constexpr auto kBatchTime = std::chrono::seconds(10);
+
 int64_t SystemNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(
              std::chrono::system_clock::now().time_since_epoch())
@@ -54,12 +59,16 @@ class Run {
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
   void Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
+  void Flush();
 
   Library& library_;
   const RunOptions& options_;
   std::string recordPath_;
   Record record_;
   RunSummary summary_;
+  std::vector<std::shared_ptr<ICLPInstantMessage>> batch_;  // new messages not yet gathered
+  size_t batchTranscripts_ = 0;
+  std::chrono::steady_clock::time_point lastFlush_ = std::chrono::steady_clock::now();
 };
 
 bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
@@ -150,22 +159,39 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
 
   if (!hasNew) return;
   std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
+  batch_.insert(batch_.end(), fresh.begin(), fresh.end());
+  ++batchTranscripts_;
   auto part =
       ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
-  int64_t links = 0, images = 0;
-  if (options_.handleURLs) links = library_.GatherLinks(*part, options_.dataFolder + "/links.txt");
-  if (options_.handleImages)
-    images = library_.GatherImages(*part, options_.dataFolder + "/images.txt");
   library_.CountStatistics(*part);
 
   ++summary_.processed;
   summary_.messages += count - from;
+  if (!options_.progress)
+    NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
+          (mailNow && !mailPending ? ", mailed" : ""));
+}
+
+// Links and images go into the stores, pages and text logs for many
+// transcripts at once: every store and page write is a whole-file replace
+// with an fsync, and one per transcript made a first run over a big folder
+// crawl.  Each message keeps its own speaker and time, so the result is the
+// same as adding the transcripts one by one.
+void Run::Flush() {
+  if (batch_.empty()) return;
+  auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
+  batch_.clear();
+  int64_t links = 0, images = 0;
+  if (options_.handleURLs) links = library_.GatherLinks(*all, options_.dataFolder + "/links.txt");
+  if (options_.handleImages)
+    images = library_.GatherImages(*all, options_.dataFolder + "/images.txt");
   summary_.links += links;
   summary_.images += images;
-  if (!options_.progress)
-    NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages, " +
-          std::to_string(links) + " links, " + std::to_string(images) + " images" +
-          (mailNow && !mailPending ? ", mailed" : ""));
+  if (!options_.progress && (links || images))
+    NSLog("Gathered " + std::to_string(links) + " links and " + std::to_string(images) +
+          " images from " + std::to_string(batchTranscripts_) + " transcripts");
+  batchTranscripts_ = 0;
+  lastFlush_ = std::chrono::steady_clock::now();
 }
 
 RunSummary Run::Go() {
@@ -196,6 +222,7 @@ RunSummary Run::Go() {
   }
   if (work.empty()) return summary_;
 
+  const auto started = std::chrono::steady_clock::now();
   Vanished vanished;
   bool vanishedBuilt = false;
   for (size_t n = 0; n < work.size(); ++n) {
@@ -205,6 +232,15 @@ RunSummary Run::Go() {
       summary_.stopped = true;
       break;
     }
+    auto now = std::chrono::steady_clock::now();
+    // At least one transcript per run, so that every run makes progress.
+    if (n > 0 && options_.timeBudgetSeconds > 0 &&
+        now - started > std::chrono::duration<double>(options_.timeBudgetSeconds)) {
+      summary_.deferred = int64_t(work.size() - n);
+      NSLog(std::to_string(summary_.deferred) + " transcripts are left for the next run");
+      break;
+    }
+    if (batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) Flush();
     auto it = record_.transcripts.find(f.key);
     if (it == record_.transcripts.end()) {
       if (!vanishedBuilt) {
@@ -230,6 +266,7 @@ RunSummary Run::Go() {
     RecordEntry& e = it->second;
     Handle(f, e);
   }
+  Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");
   return summary_;
 }

@@ -51,6 +51,10 @@ struct RunOptions {
   int64_t mailRetryDelaySeconds = 30;
   // Clock for the mail retry delay (seconds since the epoch); tests set it.
   std::function<int64_t()> now;
+  // A run stops taking up transcripts after this many seconds (0: never), so
+  // that the agent's 180-second limit never kills it in the middle; the next
+  // run goes on with the rest.
+  double timeBudgetSeconds = 0;
   // Called before each transcript that needs work (index, count, path).
   std::function<void(size_t, size_t, const std::string&)> progress;
 };
@@ -67,6 +71,7 @@ struct RunSummary {
   int64_t waiting = 0;                                          // chats still open
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   bool stopped = false;                                         // keepRunning was cleared
+  int64_t deferred = 0;  // left for the next run (time budget)
   bool recordWriteFailed = false;
 };
 
@@ -75,8 +80,9 @@ std::string RecordPath(const std::string& dataFolder);
 std::string LockPath(const std::string& dataFolder);
 
 // One run; the caller holds the lock.  The record is saved after every
-// transcript that changed it, so a run cut short loses at most the
-// transcript in hand and never counts one twice.
+// transcript that changed it, before the library is touched, so a run cut
+// short never counts a message twice (a run killed outright loses the links
+// and images of the batch in hand).
 RunSummary ProcessTranscripts(Library& library, const RunOptions& options);
 
 }  // namespace gab::parser

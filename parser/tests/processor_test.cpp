@@ -238,7 +238,7 @@ TEST_F(ProcessorTest, FailedMailStaysPendingAndIsRetriedAfterTheDelay) {
   s = RunOnce();
   EXPECT_EQ(s.mailed, 2);
   EXPECT_EQ(s.processed, 0);  // retried mail only, nothing gathered twice
-  EXPECT_EQ(lib.linkBatches.size(), 2u);
+  EXPECT_EQ(lib.linkBatches, std::vector<std::string>{"010"});
   EXPECT_EQ(lib.statBatches.size(), 2u);
   EXPECT_EQ(Entry("a on x.ichat").state, State::kDone);
   EXPECT_EQ(Entry("a on x.ichat").reason, "");
@@ -319,6 +319,31 @@ TEST_F(ProcessorTest, StopsBetweenTranscriptsWhenAskedAndResumes) {
   s = RunOnce();
   EXPECT_EQ(s.processed, 1);
   EXPECT_EQ(lib.statBatches.size(), 2u);
+}
+
+TEST_F(ProcessorTest, LinksAndImagesOfARunAreGatheredTogether) {
+  Write("a on x.ichat", "2");
+  Write("b on x.ichat", "3");
+  RunSummary s = RunOnce();
+  EXPECT_EQ(s.processed, 2);
+  // One gathering for the run, in the order of the transcripts; statistics
+  // count each chat on its own.
+  EXPECT_EQ(lib.linkBatches, std::vector<std::string>{"01012"});
+  EXPECT_EQ(lib.imageBatches, std::vector<std::string>{"01012"});
+  EXPECT_EQ(lib.statBatches, (std::vector<std::string>{"01", "012"}));
+}
+
+TEST_F(ProcessorTest, TimeBudgetLeavesTheRestForTheNextRun) {
+  options.timeBudgetSeconds = 1e-9;
+  for (const char* name : {"a on x.ichat", "b on x.ichat", "c on x.ichat"}) Write(name, "1");
+  for (int64_t left : {2, 1, 0}) {
+    RunSummary s = RunOnce();
+    EXPECT_EQ(s.processed, 1);
+    EXPECT_EQ(s.deferred, left);
+  }
+  EXPECT_EQ(lib.statBatches.size(), 3u);
+  EXPECT_EQ(lib.linkBatches.size(), 3u);
+  EXPECT_EQ(RunOnce().processed, 0);
 }
 
 TEST_F(ProcessorTest, DamagedRecordIsKeptAsideAndWorkStartsAfresh) {

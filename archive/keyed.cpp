@@ -515,7 +515,9 @@ class Resolver {
 
   ObjectPtr DecodeColor(plist_t d) {
     auto c = std::make_shared<Color>();
-    c->space = static_cast<int>(NumberOf(plist_dict_get_item(d, "NSColorSpace")).value_or(0));
+    // Any number may stand here; out-of-range ones become no known space.
+    double space = NumberOf(plist_dict_get_item(d, "NSColorSpace")).value_or(0);
+    c->space = space >= 0 && space <= 1000 ? static_cast<int>(space) : 0;
     auto components = [&](const char* key) {
       plist_t v = plist_dict_get_item(d, key);
       if (IsType(v, PLIST_DATA)) c->components = ParseComponents(DataOf(v));

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <cmath>
 #include <cstring>
 #include <functional>
 
@@ -409,6 +410,33 @@ TEST(HostileInputTest, XmlKeyedArchivesDecodeLikeBinaryOnes) {
   EXPECT_EQ(Dump(a.root), Dump(b.root));
   EXPECT_FALSE(DecodeKeyedArchive("<plist><dict>").ok());
   EXPECT_FALSE(DecodeKeyedArchive("").ok());
+}
+
+}  // namespace
+}  // namespace gab
+
+namespace gab {
+namespace {
+
+// Inputs the fuzzers found: values far outside any real date or colour
+// space decode and print without undefined conversions.
+TEST(HostileInputTest, FuzzerFindingsStayFixed) {
+  std::string hugeDate =
+      "\x04\x0Bstreamtyped\x81\xE8\x03\x84\x01@"
+      "\x84\x84\x84\x06NSDate\x00\x84\x84\x08NSObject\x00\x85\x84\x01"
+      "d\x83\xAA\xF1\x42\x80\xDC\x93\x41\xC4\x86"s;
+  DecodeResult r = DecodeTypedstream(hugeDate);
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_FALSE(r.root->Description().empty());
+  for (double t : {1e300, -1e300, std::nan("")})
+    EXPECT_FALSE(DateObject(Date{t}).Description().empty());
+
+  KeyedBuilder b;
+  uint64_t root =
+      b.Add(KeyedBuilder::Obj(b.Class("NSColor"), {{"NSColorSpace", plist_new_real(7.3e18)}}));
+  DecodeResult c = DecodeKeyedArchive(b.Bytes(root));
+  ASSERT_TRUE(c.ok()) << c.error;
+  EXPECT_EQ(Dump(c.root), "color0()");
 }
 
 }  // namespace

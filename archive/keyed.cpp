@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "archive/bplist_check.h"
+#include "archive/builtin_classes.h"
 #include "archive/serialized_wrapper.h"
 #include "platform/plist.h"
 #include "platform/text.h"
@@ -29,47 +30,7 @@ struct DecodeError : std::runtime_error {
   throw DecodeError(what);
 }
 
-enum class Handler : uint8_t {
-  kOpaque,
-  kFactory,
-  kString,
-  kNumber,
-  kArray,
-  kDictionary,
-  kDate,
-  kData,
-  kURL,
-  kAttributedString,
-  kFont,
-  kColor,
-  kTextAttachment,
-  kFileWrapper,
-};
-
-struct BuiltIn {
-  std::string_view name;
-  Handler handler;
-};
-
-constexpr BuiltIn kBuiltIns[] = {
-    {"NSString", Handler::kString},
-    {"NSMutableString", Handler::kString},
-    {"NSNumber", Handler::kNumber},
-    {"NSArray", Handler::kArray},
-    {"NSMutableArray", Handler::kArray},
-    {"NSDictionary", Handler::kDictionary},
-    {"NSMutableDictionary", Handler::kDictionary},
-    {"NSDate", Handler::kDate},
-    {"NSData", Handler::kData},
-    {"NSMutableData", Handler::kData},
-    {"NSURL", Handler::kURL},
-    {"NSAttributedString", Handler::kAttributedString},
-    {"NSMutableAttributedString", Handler::kAttributedString},
-    {"NSFont", Handler::kFont},
-    {"NSColor", Handler::kColor},
-    {"NSTextAttachment", Handler::kTextAttachment},
-    {"NSFileWrapper", Handler::kFileWrapper},
-};
+using archive_detail::Handler;
 
 // How one class record is read.
 struct ClassInfo {
@@ -310,16 +271,11 @@ class Resolver {
         info.factory = &it->second;
         break;
       }
-      bool found = false;
-      for (const BuiltIn& b : kBuiltIns) {
-        if (b.name == n) {
-          info.handler = b.handler;
-          info.interpreted = n;
-          found = true;
-          break;
-        }
+      if (auto h = archive_detail::BuiltInHandler(n, false)) {
+        info.handler = *h;
+        info.interpreted = n;
+        break;
       }
-      if (found) break;
     }
     return classInfo_.emplace(*uid, std::move(info)).first->second;
   }
@@ -335,6 +291,7 @@ class Resolver {
         if (!o) Fail("class " + info.chain.front() + " could not be decoded");
         return o;
       }
+      case Handler::kUnresolved:  // class records are always resolved here
       case Handler::kOpaque: {
         auto o = std::make_shared<OpaqueObject>();
         o->classChain = info.chain;

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "archive/builtin_classes.h"
 #include "archive/serialized_wrapper.h"
 #include "platform/text.h"
 
@@ -34,49 +35,7 @@ struct DecodeError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-enum class Handler : uint8_t {
-  kUnresolved,
-  kOpaque,
-  kFactory,
-  kString,
-  kNumber,
-  kArray,
-  kDictionary,
-  kDate,
-  kData,
-  kURL,
-  kAttributedString,
-  kFont,
-  kColor,
-  kTextAttachment,
-  kFileWrapper,
-};
-
-struct BuiltIn {
-  std::string_view name;
-  Handler handler;
-};
-
-constexpr BuiltIn kBuiltIns[] = {
-    {"NSString", Handler::kString},
-    {"NSMutableString", Handler::kString},
-    {"NSNumber", Handler::kNumber},
-    {"NSValue", Handler::kNumber},
-    {"NSArray", Handler::kArray},
-    {"NSMutableArray", Handler::kArray},
-    {"NSDictionary", Handler::kDictionary},
-    {"NSMutableDictionary", Handler::kDictionary},
-    {"NSDate", Handler::kDate},
-    {"NSData", Handler::kData},
-    {"NSMutableData", Handler::kData},
-    {"NSURL", Handler::kURL},
-    {"NSAttributedString", Handler::kAttributedString},
-    {"NSMutableAttributedString", Handler::kAttributedString},
-    {"NSFont", Handler::kFont},
-    {"NSColor", Handler::kColor},
-    {"NSTextAttachment", Handler::kTextAttachment},
-    {"NSFileWrapper", Handler::kFileWrapper},
-};
+using archive_detail::Handler;
 
 class Reader;
 
@@ -408,12 +367,10 @@ class Reader {
         e.factory = &it->second;
         return;
       }
-      for (const BuiltIn& b : kBuiltIns) {
-        if (b.name == name) {
-          e.handler = b.handler;
-          e.interpreted = table_[c].name;
-          return;
-        }
+      if (auto h = archive_detail::BuiltInHandler(name, true)) {
+        e.handler = *h;
+        e.interpreted = table_[c].name;
+        return;
       }
     }
   }

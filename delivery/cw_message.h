@@ -24,7 +24,7 @@ class CWInternetAddress {
   void setType(int type) { type_ = type; }
   int type() const { return type_; }
   const std::string& personal() const { return personal_; }  // display name, UTF-8
-  const std::string& address() const { return address_; }    // addr-spec
+  const std::string& address() const { return address_; }    // the bare address
   // The header form: the address, or an (encoded) name and "<address>".
   std::string HeaderValue() const;
 

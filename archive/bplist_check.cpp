@@ -40,9 +40,18 @@ bool ReadCount(const Plist& p, uint64_t& at, uint8_t marker, uint64_t& count) {
   return true;
 }
 
-// Checks object `i` and lists the objects it refers to.
-std::string CheckObject(const Plist& p, uint64_t i, std::vector<uint64_t>& children) {
-  children.clear();
+// Where an object's references are: `count` of them from byte `at`.
+struct Refs {
+  uint64_t at = 0, count = 0;
+};
+
+uint64_t RefAt(const Plist& p, const Refs& r, uint64_t k) {
+  return BigEndian(p.data + r.at + k * p.refSize, p.refSize);
+}
+
+// Checks object `i` and finds the objects it refers to.
+std::string CheckObject(const Plist& p, uint64_t i, Refs& children) {
+  children = Refs{};
   uint64_t at = p.offsets[i];
   uint8_t m = p.data[at++];
   uint64_t room = p.tableEnd - at;
@@ -81,14 +90,14 @@ std::string CheckObject(const Plist& p, uint64_t i, std::vector<uint64_t>& child
       uint64_t refs = (m >> 4) == 0xD ? count * 2 : count;
       if (count > p.tableEnd || refs > (p.tableEnd - at) / p.refSize)
         return "container beyond the object table";
+      children = Refs{at, refs};
       for (uint64_t k = 0; k < refs; ++k) {
-        uint64_t ref = BigEndian(p.data + at + k * p.refSize, p.refSize);
+        uint64_t ref = RefAt(p, children, k);
         if (ref >= p.offsets.size()) return "reference out of range";
         if ((m >> 4) == 0xD && k < count) {
           uint8_t km = p.data[p.offsets[ref]] >> 4;
           if (km != 0x5 && km != 0x6) return "dictionary key is not a string";
         }
-        children.push_back(ref);
       }
       return {};
     }
@@ -137,15 +146,15 @@ std::string CheckBinaryPlist(std::string_view bytes) {
   uint64_t totalRefs = 0;
   struct Frame {
     uint64_t object;
-    std::vector<uint64_t> children;
-    size_t next = 0;
+    Refs children;
+    uint64_t next = 0;
   };
   std::vector<Frame> stack;
-  std::vector<uint64_t> children;
   auto push = [&](uint64_t i) -> std::string {
+    Refs children;
     std::string err = CheckObject(p, i, children);
     if (!err.empty()) return err + " (object " + std::to_string(i) + ")";
-    totalRefs += children.size();
+    totalRefs += children.count;
     state[i] = 1;
     stack.push_back(Frame{i, children});
     if (stack.size() > kMaxDepth) return "nested too deeply";
@@ -154,8 +163,8 @@ std::string CheckBinaryPlist(std::string_view bytes) {
   if (std::string err = push(top); !err.empty()) return err;
   while (!stack.empty()) {
     Frame& f = stack.back();
-    if (f.next < f.children.size()) {
-      uint64_t c = f.children[f.next++];
+    if (f.next < f.children.count) {
+      uint64_t c = RefAt(p, f.children, f.next++);
       if (state[c] == 1) return "reference cycle";
       if (state[c] == 0) {
         if (std::string err = push(c); !err.empty()) return err;
@@ -164,7 +173,8 @@ std::string CheckBinaryPlist(std::string_view bytes) {
     }
     uint64_t size = 1;
     uint8_t deepest = 0;
-    for (uint64_t c : f.children) {
+    for (uint64_t k = 0; k < f.children.count; ++k) {
+      uint64_t c = RefAt(p, f.children, k);
       size += expanded[c];
       if (size > kMaxExpandedNodes) size = kMaxExpandedNodes + 1;
       if (depth[c] > deepest) deepest = depth[c];

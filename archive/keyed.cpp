@@ -7,6 +7,7 @@
 #include <map>
 #include <new>
 #include <stdexcept>
+#include <unordered_map>
 #include <vector>
 
 #include "archive/bplist_check.h"
@@ -157,6 +158,27 @@ std::vector<double> ParseComponents(std::string_view text) {
   return out;
 }
 
+// libplist indexes the arrays it builds but not the arrays it parses:
+// reading item k of a parsed array walks k nodes, so reading them all is
+// quadratic.  Appending one item makes libplist index the array (once,
+// linearly); the items are then read by index and kept here.
+class ArrayItems {
+ public:
+  const std::vector<plist_t>& Of(plist_t array) {
+    auto [it, fresh] = cache_.try_emplace(array);
+    if (fresh) {
+      uint32_t n = plist_array_get_size(array);
+      if (n > 16) plist_array_append_item(array, plist_new_bool(0));
+      it->second.reserve(n);
+      for (uint32_t k = 0; k < n; ++k) it->second.push_back(plist_array_get_item(array, k));
+    }
+    return it->second;
+  }
+
+ private:
+  std::unordered_map<plist_t, std::vector<plist_t>> cache_;
+};
+
 class Resolver;
 
 class KeyedCoder : public Coder {
@@ -181,9 +203,9 @@ class KeyedCoder : public Coder {
 
 class Resolver {
  public:
-  Resolver(plist_t objects, const ClassSubstitutions& classes)
-      : objects_(objects), classes_(classes) {
-    count_ = plist_array_get_size(objects);
+  Resolver(plist_t objects, const ClassSubstitutions& classes) : classes_(classes) {
+    objects_ = &items_.Of(objects);
+    count_ = static_cast<uint32_t>(objects_->size());
     memo_.resize(count_);
     state_.resize(count_, 0);
   }
@@ -196,7 +218,7 @@ class Resolver {
     if (state_[uid] == 1) return nullptr;
     if (++depth_ > kMaxDepth) Fail("objects nested too deeply");
     state_[uid] = 1;
-    ObjectPtr o = DecodeNode(plist_array_get_item(objects_, static_cast<uint32_t>(uid)), uid);
+    ObjectPtr o = DecodeNode((*objects_)[uid], uid);
     memo_[uid] = o;
     state_[uid] = 2;
     --depth_;
@@ -264,7 +286,7 @@ class Resolver {
     if (!uid) Fail("$class is not a reference");
     if (*uid >= count_) Fail("$class reference beyond $objects");
     if (auto it = classInfo_.find(*uid); it != classInfo_.end()) return it->second;
-    plist_t cls = plist_array_get_item(objects_, static_cast<uint32_t>(*uid));
+    plist_t cls = (*objects_)[*uid];
     if (!IsType(cls, PLIST_DICT)) Fail("$class does not refer to a class record");
     plist_t name = plist_dict_get_item(cls, "$classname");
     if (!IsType(name, PLIST_STRING)) Fail("class record without a string $classname");
@@ -272,9 +294,9 @@ class Resolver {
     info.chain.emplace_back(StringOf(name));
     if (plist_t classes = plist_dict_get_item(cls, "$classes")) {
       if (!IsType(classes, PLIST_ARRAY)) Fail("$classes is not an array");
-      uint32_t n = plist_array_get_size(classes);
-      for (uint32_t k = 0; k < n; ++k) {
-        plist_t c = plist_array_get_item(classes, k);
+      const std::vector<plist_t>& list = items_.Of(classes);
+      for (size_t k = 0; k < list.size(); ++k) {
+        plist_t c = list[k];
         if (!IsType(c, PLIST_STRING)) Fail("$classes holds a non-string");
         std::string_view s = StringOf(c);
         if (k == 0 && s == info.chain.front()) continue;
@@ -392,9 +414,9 @@ class Resolver {
     plist_t a = plist_dict_get_item(d, key);
     if (a) {
       if (!IsType(a, PLIST_ARRAY)) Fail(std::string(key) + " is not an array");
-      uint32_t n = plist_array_get_size(a);
-      out.reserve(n);
-      for (uint32_t k = 0; k < n; ++k) out.push_back(DecodeRef(plist_array_get_item(a, k), key));
+      const std::vector<plist_t>& list = items_.Of(a);
+      out.reserve(list.size());
+      for (plist_t item : list) out.push_back(DecodeRef(item, key));
       return out;
     }
     for (uint32_t k = 0;; ++k) {
@@ -545,7 +567,8 @@ class Resolver {
   }
 
   friend class KeyedCoder;
-  plist_t objects_;
+  ArrayItems items_;
+  const std::vector<plist_t>* objects_;
   const ClassSubstitutions& classes_;
   uint32_t count_ = 0;
   int depth_ = 0;

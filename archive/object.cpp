@@ -67,23 +67,38 @@ std::u16string QuotedIfNeeded(const std::u16string& s) {
   return out;
 }
 
-std::u16string Indent(int level) {
-  return std::u16string(static_cast<size_t>(level) * 4, u' ');
+void Indent(std::u16string& out, int level) {
+  out.append(static_cast<size_t>(level) * 4, u' ');
 }
 
-std::u16string DescribeAt(const ObjectPtr& o, int level);
+// Shared subtrees are described at every place they appear, which a
+// hostile archive can make exponential; past this many elements the
+// description is cut short with "...".
+constexpr size_t kDescriptionBudget = 1u << 18;
 
-std::u16string DescribeArray(const Array& a, int level) {
-  std::u16string out = Indent(level) + u"(\n";
+// Descriptions append to one buffer so that nesting costs no copies.
+void DescribeAt(std::u16string& out, const ObjectPtr& o, int level, size_t& budget);
+void DescribeAttributed(std::u16string& out, const AttributedString& a, size_t& budget);
+
+void DescribeArray(std::u16string& out, const Array& a, int level, size_t& budget) {
+  Indent(out, level);
+  out += u"(\n";
   for (size_t i = 0; i < a.items.size(); ++i) {
-    out += Indent(level + 1) + DescribeAt(a.items[i], level + 1);
+    Indent(out, level + 1);
+    if (budget == 0) {
+      out += u"...\n";
+      break;
+    }
+    --budget;
+    DescribeAt(out, a.items[i], level + 1, budget);
     if (i + 1 < a.items.size()) out += u',';
     out += u'\n';
   }
-  return out + Indent(level) + u")";
+  Indent(out, level);
+  out += u")";
 }
 
-std::u16string DescribeDictionary(const Dictionary& d, int level) {
+void DescribeDictionary(std::u16string& out, const Dictionary& d, int level, size_t& budget) {
   // Keys are listed in ascending order when they are all strings.
   std::vector<const std::pair<ObjectPtr, ObjectPtr>*> order;
   order.reserve(d.entries.size());
@@ -97,24 +112,67 @@ std::u16string DescribeDictionary(const Dictionary& d, int level) {
       return As<String>(a->first)->value < As<String>(b->first)->value;
     });
   }
-  std::u16string out = Indent(level) + u"{\n";
+  Indent(out, level);
+  out += u"{\n";
   for (const auto* e : order) {
-    out += Indent(level + 1) + DescribeAt(e->first, level + 1) + u" = " +
-           DescribeAt(e->second, level + 1) + u";\n";
+    Indent(out, level + 1);
+    if (budget == 0) {
+      out += u"...\n";
+      break;
+    }
+    --budget;
+    DescribeAt(out, e->first, level + 1, budget);
+    out += u" = ";
+    DescribeAt(out, e->second, level + 1, budget);
+    out += u";\n";
   }
-  return out + Indent(level) + u"}";
+  Indent(out, level);
+  out += u"}";
 }
 
 // The description of an element nested `level` deep in a collection.
-std::u16string DescribeAt(const ObjectPtr& o, int level) {
-  if (!o) return u"<null>";
-  if (auto s = As<String>(o)) return QuotedIfNeeded(s->value);
-  if (auto a = As<Array>(o)) return DescribeArray(*a, level);
-  if (auto d = As<Dictionary>(o)) return DescribeDictionary(*d, level);
-  if (As<Number>(o) || As<Data>(o)) return o->Description();
-  // Other objects' descriptions are quoted like strings when they hold
-  // anything but bare characters (dates, for instance).
-  return QuotedIfNeeded(o->Description());
+void DescribeAt(std::u16string& out, const ObjectPtr& o, int level, size_t& budget) {
+  if (!o) {
+    out += u"<null>";
+  } else if (auto s = As<String>(o)) {
+    out += QuotedIfNeeded(s->value);
+  } else if (auto a = As<Array>(o)) {
+    DescribeArray(out, *a, level, budget);
+  } else if (auto d = As<Dictionary>(o)) {
+    DescribeDictionary(out, *d, level, budget);
+  } else if (auto as = As<AttributedString>(o)) {
+    std::u16string text;
+    DescribeAttributed(text, *as, budget);
+    out += QuotedIfNeeded(text);
+  } else if (As<Number>(o) || As<Data>(o)) {
+    out += o->Description();
+  } else {
+    // Other objects' descriptions are quoted like strings when they hold
+    // anything but bare characters (dates, for instance).
+    out += QuotedIfNeeded(o->Description());
+  }
+}
+
+// Each run's text followed by its attribute dictionary.
+void DescribeAttributed(std::u16string& out, const AttributedString& a, size_t& budget) {
+  size_t pos = 0;
+  for (const auto& run : a.runs) {
+    if (budget == 0) {
+      out += u"...";
+      return;
+    }
+    --budget;
+    size_t start = std::min(pos, a.text.size());
+    size_t len = std::min<size_t>(run.length, a.text.size() - start);
+    out.append(a.text, start, len);
+    if (run.attributes) {
+      DescribeDictionary(out, *run.attributes, 0, budget);
+    } else {
+      out += u"{\n}";
+    }
+    pos += run.length;
+  }
+  if (a.runs.empty() && !a.text.empty()) out += a.text + u"{\n}";
 }
 
 // --- RFC 3986 reference resolution ---
@@ -319,11 +377,17 @@ std::u16string Data::Description() const {
 // --- Collections ---
 
 std::u16string Array::Description() const {
-  return DescribeArray(*this, 0);
+  size_t budget = kDescriptionBudget;
+  std::u16string out;
+  DescribeArray(out, *this, 0, budget);
+  return out;
 }
 
 std::u16string Dictionary::Description() const {
-  return DescribeDictionary(*this, 0);
+  size_t budget = kDescriptionBudget;
+  std::u16string out;
+  DescribeDictionary(out, *this, 0, budget);
+  return out;
 }
 
 ObjectPtr Dictionary::Get(std::u16string_view key) const {
@@ -421,15 +485,9 @@ std::u16string FileWrapper::Description() const {
 // --- AttributedString ---
 
 std::u16string AttributedString::Description() const {
+  size_t budget = kDescriptionBudget;
   std::u16string out;
-  size_t pos = 0;
-  for (const Run& run : runs) {
-    size_t len = std::min<size_t>(run.length, text.size() - std::min(pos, text.size()));
-    out += text.substr(std::min(pos, text.size()), len);
-    out += run.attributes ? run.attributes->Description() : std::u16string(u"{\n}");
-    pos += run.length;
-  }
-  if (runs.empty() && !text.empty()) out = text + u"{\n}";
+  DescribeAttributed(out, *this, budget);
   return out;
 }
 

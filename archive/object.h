@@ -35,7 +35,8 @@ std::shared_ptr<T> As(const ObjectPtr& o) {
 
 class String : public Object {
  public:
-  explicit String(std::u16string v = {}, bool isMutable = false) : value(std::move(v)), mutable_(isMutable) {}
+  explicit String(std::u16string v = {}, bool isMutable = false)
+      : value(std::move(v)), mutable_(isMutable) {}
   std::string ClassName() const override { return mutable_ ? "NSMutableString" : "NSString"; }
   std::u16string Description() const override { return value; }
   std::u16string value;
@@ -68,7 +69,8 @@ class DateObject : public Object {
 
 class Data : public Object {
  public:
-  explicit Data(std::string b = {}, bool isMutable = false) : bytes(std::move(b)), mutable_(isMutable) {}
+  explicit Data(std::string b = {}, bool isMutable = false)
+      : bytes(std::move(b)), mutable_(isMutable) {}
   std::string ClassName() const override { return mutable_ ? "NSMutableData" : "NSData"; }
   std::u16string Description() const override;  // <0a0b0c0d ...>
   std::string bytes;
@@ -85,7 +87,9 @@ class Array : public Object {
 
 class Dictionary : public Object {
  public:
-  std::string ClassName() const override { return mutable_ ? "NSMutableDictionary" : "NSDictionary"; }
+  std::string ClassName() const override {
+    return mutable_ ? "NSMutableDictionary" : "NSDictionary";
+  }
   std::u16string Description() const override;
   // The value for a string key (keys compared as strings); null when absent.
   ObjectPtr Get(std::u16string_view key) const;
@@ -128,7 +132,7 @@ class Color : public Object {
   // convert; named colours convert through their equivalent; others do not.
   bool ToDeviceRGB(double& r, double& g, double& b) const;
   int space = kDeviceRGB;
-  std::vector<double> components;  // as archived, alpha included when present
+  std::vector<double> components;         // as archived, alpha included when present
   std::u16string catalogName, colorName;  // named colours
   std::shared_ptr<Color> equivalent;      // named colours
 };

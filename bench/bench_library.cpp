@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
@@ -18,8 +19,8 @@ namespace gab {
 namespace {
 
 constexpr int kSpeakers = 60;
-constexpr int kLinks = 100000;
 constexpr int kImages = 20000;
+int kLinks = 100000;  // the store built for the next home
 
 std::string Head() {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<array>\n";
@@ -81,6 +82,7 @@ struct BenchHome {
     WriteFileAtomically(data + "/gatheredImages.plist", images);
   }
   ~BenchHome() { std::filesystem::remove_all(home); }
+  BenchHome(const BenchHome&) = delete;
   std::string home, data, links, images;
 };
 
@@ -89,10 +91,25 @@ BenchHome& Home() {
   return home;
 }
 
+// A second, quarter-size link store, to see that the time grows linearly.
+BenchHome& QuarterHome() {
+  static std::unique_ptr<BenchHome> home = [] {
+    Home();
+    int full = kLinks;
+    kLinks = full / 4;
+    auto h = std::make_unique<BenchHome>();
+    kLinks = full;
+    return h;
+  }();
+  return *home;
+}
+
 void BM_RegenerateLinkPages(benchmark::State& state) {
-  Home();
+  BenchHome& home = state.range(0) == kLinks ? Home() : QuarterHome();
+  setenv("HOME", home.home.c_str(), 1);
   for (auto _ : state) ICLPLogGenerator::GenerateLinkFiles(nullptr);
-  state.SetItemsProcessed(state.iterations() * kLinks);
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+  setenv("HOME", Home().home.c_str(), 1);
 }
 BENCHMARK(BM_RegenerateLinkPages)
     ->Unit(benchmark::kMillisecond)

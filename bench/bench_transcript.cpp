@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "archive/testing/fixture_writer.h"
 #include "platform/testing/temp_home.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
@@ -106,6 +107,32 @@ void BM_AllURLs(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 BENCHMARK(BM_AllURLs)->Arg(5000);
+
+// Whole loads from a file: read, decode, class substitution, shape check.
+void LoadFile(benchmark::State& state, fixtures::Format format, const char* extension) {
+  testing::TempHome& home = Home();
+  const std::string name = std::string("buddy42 on 2005-03-01.") + extension;
+  const std::string bytes =
+      fixtures::WriteTranscript(fixtures::LargeTranscript(int(state.range(0))), format);
+  home.Write(name, bytes);
+  for (auto _ : state) {
+    auto log = ICLPChatLog::InitWithFilePath(home.path() + "/" + name);
+    if (!log) state.SkipWithError("the transcript did not load");
+    benchmark::DoNotOptimize(log);
+  }
+  state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+void BM_LoadiChat2File(benchmark::State& state) {
+  LoadFile(state, fixtures::Format::kTypedstreamBigEndian, "chat");
+}
+BENCHMARK(BM_LoadiChat2File)->Arg(5000);
+
+void BM_LoadiChat3File(benchmark::State& state) {
+  LoadFile(state, fixtures::Format::kKeyed, "ichat");
+}
+BENCHMARK(BM_LoadiChat3File)->Arg(5000);
 
 }  // namespace
 }  // namespace gab

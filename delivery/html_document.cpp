@@ -1,6 +1,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "delivery/rendering.h"
 #include "platform/text.h"
@@ -16,9 +17,12 @@ bool SameDictionary(const Dictionary* a, const Dictionary* b) {
   size_t na = a ? a->entries.size() : 0, nb = b ? b->entries.size() : 0;
   if (na == 0 || nb == 0) return na == nb;
   if (na != nb) return false;
-  for (const auto& [key, value] : a->entries) {
-    auto* k = dynamic_cast<const String*>(key.get());
-    if (!k || !SameValue(value, b->Get(k->value))) return false;
+  // Both ways, so that a repeated key cannot hide a missing one.
+  for (auto [x, y] : {std::pair{a, b}, std::pair{b, a}}) {
+    for (const auto& [key, value] : x->entries) {
+      auto* k = dynamic_cast<const String*>(key.get());
+      if (!k || !SameValue(value, y->Get(k->value))) return false;
+    }
   }
   return true;
 }

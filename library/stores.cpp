@@ -25,6 +25,21 @@ std::string StringOf(plist_t node) {
   return out;
 }
 
+// Calls f for every item of an array (nothing for a non-array).
+template <class F>
+void ForEachItem(plist_t array, F&& f) {
+  if (!array || plist_get_node_type(array) != PLIST_ARRAY) return;
+  plist_array_iter it = nullptr;
+  plist_array_new_iter(array, &it);
+  for (;;) {
+    plist_t item = nullptr;
+    plist_array_next_item(array, it, &item);
+    if (!item) break;
+    f(item);
+  }
+  std::free(it);
+}
+
 bool IsString(plist_t node) {
   return node && plist_get_node_type(node) == PLIST_STRING;
 }
@@ -100,16 +115,15 @@ int compareImageDateString(std::u16string_view a, std::u16string_view b) {
 plist_t FindSpeakerList(std::u16string_view speaker, plist_t store, const char* listKey) {
   if (!store || plist_get_node_type(store) != PLIST_ARRAY) return nullptr;
   std::string name = ToUtf8(speaker);
-  uint32_t n = plist_array_get_size(store);
-  for (uint32_t i = 0; i < n; ++i) {
-    plist_t record = plist_array_get_item(store, i);
-    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+  plist_t found = nullptr;
+  ForEachItem(store, [&](plist_t record) {
+    if (found || plist_get_node_type(record) != PLIST_DICT) return;
     plist_t s = plist_dict_get_item(record, "speaker");
-    if (!IsString(s) || StringOf(s) != name) continue;
+    if (!IsString(s) || StringOf(s) != name) return;
     plist_t list = plist_dict_get_item(record, listKey);
-    if (list && plist_get_node_type(list) == PLIST_ARRAY) return list;
-  }
-  return nullptr;
+    if (list && plist_get_node_type(list) == PLIST_ARRAY) found = list;
+  });
+  return found;
 }
 
 plist_t ICLPLogGenerator::FindSpeakerArray(std::u16string_view speaker, plist_t store) {
@@ -121,30 +135,25 @@ plist_t ICLPLogGenerator::FindImagesArray(std::u16string_view speaker, plist_t s
 }
 
 void SortEveryList(plist_t store, const char* listKey) {
-  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return;
-  uint32_t n = plist_array_get_size(store);
-  for (uint32_t i = 0; i < n; ++i) {
-    plist_t record = plist_array_get_item(store, i);
-    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+  ForEachItem(store, [&](plist_t record) {
+    if (plist_get_node_type(record) != PLIST_DICT) return;
     plist_t list = plist_dict_get_item(record, listKey);
-    if (!list || plist_get_node_type(list) != PLIST_ARRAY) continue;
-    uint32_t m = plist_array_get_size(list);
+    if (!list || plist_get_node_type(list) != PLIST_ARRAY) return;
     std::vector<std::pair<double, plist_t>> items;
-    items.reserve(m);
+    items.reserve(plist_array_get_size(list));
     bool sorted = true;
-    for (uint32_t j = 0; j < m; ++j) {
-      plist_t item = plist_array_get_item(list, j);
+    ForEachItem(list, [&](plist_t item) {
       items.emplace_back(DateOf(item), item);
-      if (j > 0 && items[j - 1].first < items[j].first) sorted = false;
-    }
-    if (sorted) continue;
+      if (items.size() > 1 && items[items.size() - 2].first < items.back().first) sorted = false;
+    });
+    if (sorted) return;
     // Keys are computed once; the order is that of compare*Dictionaries.
     std::stable_sort(items.begin(), items.end(),
                      [](const auto& a, const auto& b) { return a.first > b.first; });
     plist_t fresh = plist_new_array();
     for (auto& [date, item] : items) plist_array_append_item(fresh, plist_copy(item));
     plist_dict_set_item(record, listKey, fresh);
-  }
+  });
 }
 
 void MergeLinkEntries(plist_t store, const std::vector<LinkEntry>& entries) {
@@ -191,28 +200,22 @@ void MergeImageEntries(plist_t store, const std::vector<ImageEntry>& entries) {
 
 std::vector<SpeakerLinks> ReadLinkSpeakers(plist_t store) {
   std::vector<SpeakerLinks> out;
-  if (!store || plist_get_node_type(store) != PLIST_ARRAY) return out;
-  uint32_t n = plist_array_get_size(store);
-  for (uint32_t i = 0; i < n; ++i) {
-    plist_t record = plist_array_get_item(store, i);
-    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+  ForEachItem(store, [&](plist_t record) {
+    if (plist_get_node_type(record) != PLIST_DICT) return;
     plist_t s = plist_dict_get_item(record, "speaker");
     plist_t list = plist_dict_get_item(record, "urls");
-    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) continue;
+    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) return;
     SpeakerLinks speaker{ToUtf16(StringOf(s)), {}};
-    uint32_t m = plist_array_get_size(list);
-    speaker.links.reserve(m);
-    for (uint32_t j = 0; j < m; ++j) {
-      plist_t item = plist_array_get_item(list, j);
+    speaker.links.reserve(plist_array_get_size(list));
+    ForEachItem(list, [&](plist_t item) {
       double date = DateOf(item);
-      plist_t url = item && plist_get_node_type(item) == PLIST_DICT
-                        ? plist_dict_get_item(item, "linkurl")
-                        : nullptr;
-      if (date == kNoDate || !IsString(url)) continue;
+      plist_t url =
+          plist_get_node_type(item) == PLIST_DICT ? plist_dict_get_item(item, "linkurl") : nullptr;
+      if (date == kNoDate || !IsString(url)) return;
       speaker.links.push_back({Date{date}, ToUtf16(StringOf(url))});
-    }
+    });
     out.push_back(std::move(speaker));
-  }
+  });
   return out;
 }
 
@@ -233,28 +236,24 @@ std::vector<SpeakerImages> ReadImageSpeakers(plist_t store) {
     }
     return 0;
   };
-  uint32_t n = plist_array_get_size(store);
-  for (uint32_t i = 0; i < n; ++i) {
-    plist_t record = plist_array_get_item(store, i);
-    if (!record || plist_get_node_type(record) != PLIST_DICT) continue;
+  ForEachItem(store, [&](plist_t record) {
+    if (plist_get_node_type(record) != PLIST_DICT) return;
     plist_t s = plist_dict_get_item(record, "speaker");
     plist_t list = plist_dict_get_item(record, "filenames");
-    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) continue;
+    if (!IsString(s) || !list || plist_get_node_type(list) != PLIST_ARRAY) return;
     SpeakerImages speaker{ToUtf16(StringOf(s)), {}};
-    uint32_t m = plist_array_get_size(list);
-    speaker.images.reserve(m);
-    for (uint32_t j = 0; j < m; ++j) {
-      plist_t item = plist_array_get_item(list, j);
+    speaker.images.reserve(plist_array_get_size(list));
+    ForEachItem(list, [&](plist_t item) {
       double date = DateOf(item);
-      if (date == kNoDate) continue;
+      if (date == kNoDate) return;
       plist_t file = plist_dict_get_item(item, "filename");
-      if (!IsString(file)) continue;
+      if (!IsString(file)) return;
       speaker.images.push_back({Date{date}, ToUtf16(StringOf(file)),
                                 integer(plist_dict_get_item(item, "width")),
                                 integer(plist_dict_get_item(item, "height"))});
-    }
+    });
     out.push_back(std::move(speaker));
-  }
+  });
   return out;
 }
 

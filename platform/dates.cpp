@@ -2,6 +2,7 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -17,7 +18,12 @@ constexpr const char* kMonths[] = {"January", "February", "March",     "April",
 
 tm LocalTime(Date date) {
   // Fractional seconds are dropped toward minus infinity, as a clock shows them.
-  time_t t = time_t(std::floor(date.Unix()));
+  // Dates from damaged archives can be anything; they are held to years
+  // 1-9999 so that the conversion stays defined.
+  double unix = std::floor(date.Unix());
+  if (std::isnan(unix)) unix = 0;
+  unix = std::clamp(unix, -62135596800.0, 253402300799.0);
+  time_t t = time_t(unix);
   tm local{};
   localtime_r(&t, &local);
   return local;

@@ -54,31 +54,38 @@ int32_t StringInt(const std::string& s) {
 }
 
 std::optional<PrefValue> FromNode(plist_t node) {
-  if (!node) return std::nullopt;
+  std::optional<PrefValue> out;
+  if (!node) return out;
   switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
       uint8_t b = 0;
       plist_get_bool_val(node, &b);
-      return PrefValue(b != 0);
+      out.emplace(std::in_place_type<bool>, b != 0);
+      break;
     }
     case PLIST_UINT: {
       uint64_t u = 0;
       plist_get_uint_val(node, &u);
-      return PrefValue(int64_t(u));
+      out.emplace(std::in_place_type<int64_t>, int64_t(u));
+      break;
     }
     case PLIST_REAL: {
       double d = 0;
       plist_get_real_val(node, &d);
-      return PrefValue(d);
+      out.emplace(std::in_place_type<double>, d);
+      break;
     }
     case PLIST_STRING: {
       uint64_t len = 0;
       const char* p = plist_get_string_ptr(node, &len);
-      return PrefValue(std::string(p ? p : "", p ? size_t(len) : 0));
+      out.emplace(std::in_place_type<std::string>, p ? p : "", p ? size_t(len) : 0);
+      break;
     }
     default:
-      return PrefValue(PrefOther{});
+      out.emplace(std::in_place_type<PrefOther>);
+      break;
   }
+  return out;
 }
 
 // A new node for a value; null for PrefOther, which carries nothing to write.

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -75,6 +76,12 @@ int RunView(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
   std::string folder = DataFolder();
+  struct stat st {};
+  if (stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    std::fprintf(stderr, "gabfolio view: %s does not exist; nothing to serve yet\n",
+                 folder.c_str());
+    return kFailure;
+  }
   LibraryViewer viewer(folder, uint16_t(port));
   if (!viewer.ok()) {
     std::fprintf(stderr, "gabfolio view: cannot listen on 127.0.0.1:%ld: %s\n", port,

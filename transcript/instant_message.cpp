@@ -76,8 +76,10 @@ std::u16string ICLPInstantMessage::PlainString() const {
 }
 
 AttributedString ICLPInstantMessage::LoggedString() const {
-  AttributedString line;
-  if (speaker) line = speaker->RichName();
+  // Without a sender there is no bold name to start from, and the whole line
+  // is nothing (as every message to a nil object is).
+  if (!speaker) return AttributedString();
+  AttributedString line = speaker->RichName();
   line.mutable_ = true;
   line.Append(u": ", nullptr);
   if (string) line.Append(*string);

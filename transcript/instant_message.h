@@ -39,9 +39,10 @@ class ICLPInstantMessage : public Object {
   std::optional<std::u16string> Speaker() const;     // Name of the sender
   std::optional<std::u16string> rawSpeaker() const;  // rawName of the sender
   std::optional<Date> TimeStamp() const { return timestamp; }
-  AttributedString LoggedString() const;  // bold name, ": ", text, "\n\n"
-  std::u16string PlainString() const;     // "" without text, else "name: text\n"
-  bool isStatusMessage() const;           // no sender, or text of length 0
+  // Bold name, ": ", text, "\n\n"; empty without a sender.
+  AttributedString LoggedString() const;
+  std::u16string PlainString() const;  // "" without text, else "name: text\n"
+  bool isStatusMessage() const;        // no sender, or text of length 0
   // Empty dictionary (nullopt) for a status message or a sender without name.
   std::optional<LinkEntry> allURLs() const;
   std::optional<ImageEntry> allImages() const;

@@ -16,16 +16,14 @@ namespace {
 
 class KeyedOut {
  public:
-  KeyedOut() : objects_(plist_new_array()) {
-    plist_array_append_item(objects_, plist_new_string("$null"));
-  }
+  KeyedOut() { objects_.push_back(plist_new_string("$null")); }
   ~KeyedOut() {
-    if (objects_) plist_free(objects_);
+    for (plist_t o : objects_) plist_free(o);
   }
 
   uint64_t Inline(plist_t node) {
-    plist_array_append_item(objects_, node);
-    return plist_array_get_size(objects_) - 1;
+    objects_.push_back(node);
+    return objects_.size() - 1;
   }
 
   uint64_t String(const std::u16string& s, const std::string& key = {}) {
@@ -44,12 +42,12 @@ class KeyedOut {
     if (!key.empty()) {
       if (auto it = shared_.find(key); it != shared_.end()) return it->second;
     }
-    uint64_t uid = Inline(plist_new_bool(0));
+    uint64_t uid = Inline(nullptr);
     if (!key.empty()) shared_[key] = uid;
     plist_t dict = plist_new_dict();
     fill(dict);
     plist_dict_set_item(dict, "$class", plist_new_uid(ClassRecord(chain)));
-    plist_array_set_item(objects_, dict, static_cast<uint32_t>(uid));
+    objects_[uid] = dict;
     return uid;
   }
 
@@ -64,8 +62,10 @@ class KeyedOut {
     plist_t t = plist_new_dict();
     plist_dict_set_item(t, "root", plist_new_uid(root));
     plist_dict_set_item(top, "$top", t);
-    plist_dict_set_item(top, "$objects", objects_);
-    objects_ = nullptr;
+    plist_t objects = plist_new_array();
+    for (plist_t o : objects_) plist_array_append_item(objects, o);
+    objects_.clear();
+    plist_dict_set_item(top, "$objects", objects);
     char* bin = nullptr;
     uint32_t len = 0;
     plist_to_bin(top, &bin, &len);
@@ -88,7 +88,7 @@ class KeyedOut {
     return uid;
   }
 
-  plist_t objects_;
+  std::vector<plist_t> objects_;  // in archive order
   std::map<std::string, uint64_t> classes_;
   std::map<std::string, uint64_t> shared_;
 };

@@ -165,3 +165,24 @@ TEST(DescriptionTest, CollectionsPrintAsOldStylePropertyLists) {
 
 }  // namespace
 }  // namespace gab
+
+namespace gab {
+namespace {
+
+// Shared subtrees make descriptions exponential; the description stops.
+TEST(DescriptionTest, SharedSubtreesDoNotExplode) {
+  auto leaf = std::make_shared<Array>();
+  leaf->items = {std::make_shared<String>(u"x")};
+  std::shared_ptr<Array> level = leaf;
+  for (int k = 0; k < 40; ++k) {
+    auto up = std::make_shared<Array>();
+    up->items = {level, level};
+    level = up;
+  }
+  std::u16string d = level->Description();
+  EXPECT_NE(d.find(u"..."), std::u16string::npos);
+  EXPECT_LT(d.size(), 512u << 20);
+}
+
+}  // namespace
+}  // namespace gab

@@ -132,6 +132,19 @@ TEST_F(SmtpTest, ConversationOutcomes) {
        "550 5.1.1 no such user",
        0},
       {"silent server", {"--mode", "silent"}, std::nullopt, "connectionTimedOut", nullptr, 0},
+      {"hang-up after the greeting",
+       {"--mode", "hangup"},
+       std::nullopt,
+       "messageNotSent",
+       "220 test.local ESMTP",
+       0},
+      {"endless line", {"--mode", "flood"}, std::nullopt, "messageNotSent", nullptr, 0},
+      {"reply that is not SMTP",
+       {"--mode", "garbled"},
+       std::nullopt,
+       "messageNotSent",
+       "hello there",
+       0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

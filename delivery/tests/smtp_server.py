@@ -21,7 +21,9 @@ from aiosmtpd.smtp import SMTP, AuthResult, LoginPassword
 
 def parse_args():
     p = argparse.ArgumentParser()
-    p.add_argument("--mode", choices=["accept", "reject", "silent"], default="accept")
+    p.add_argument(
+        "--mode", choices=["accept", "reject", "silent", "hangup", "flood", "garbled"], default="accept"
+    )
     p.add_argument("--reject-at", choices=["rcpt", "data"], default="data")
     p.add_argument("--reject-reply", default="554 5.7.1 Message rejected")
     p.add_argument("--escaped", action="store_true", help="reject reply holds \\xNN escapes")
@@ -106,7 +108,28 @@ async def main():
     handler = Handler(args)
     ctx = tls_context(args) if args.cert else None
 
-    if args.mode == "silent":
+    if args.mode in ("hangup", "flood", "garbled"):
+        # Misbehaving peers: a greeting, then on the first command a hang-up,
+        # an endless line, or a reply that is not SMTP at all.
+        async def misbehave(reader, writer):
+            writer.write(b"220 test.local ESMTP\r\n")
+            await writer.drain()
+            await reader.readline()
+            if args.mode == "flood":
+                try:
+                    for _ in range(2000):
+                        writer.write(b"x" * 1024)
+                        await writer.drain()
+                except ConnectionError:
+                    pass
+            elif args.mode == "garbled":
+                writer.write(b"hello there\r\n")
+                await writer.drain()
+                await reader.readline()
+            writer.close()
+
+        server = await asyncio.start_server(misbehave, "127.0.0.1", 0)
+    elif args.mode == "silent":
         held = []
 
         async def hold(reader, writer):

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "archive/testing/fixture_writer.h"
 #include "platform/testing/temp_home.h"
 #include "tool/tests/run_tool.h"
 
@@ -62,6 +65,56 @@ TEST(Convert, Help) {
   EXPECT_EQ(run.out.rfind("usage: gabfolio convert FILE --to text|html [-o OUT]\n", 0), 0u)
       << run.out;
   EXPECT_EQ(run.err, "");
+}
+
+// A small chat in each archive format, converted both ways.
+TEST(Convert, WritesBothRenderings) {
+  using namespace fixtures;
+  Transcript t;
+  Speaker anna{u"AIM", u"anna"}, me{u"AIM", u"me"};
+  t.participants = {anna};
+  Message hello;
+  hello.speaker = anna;
+  hello.runs = {TextRun(u"hi <b>")};
+  TextRun red(u"red");
+  red.rgb = std::array<double, 3>{1.0, 0.0, 0.0};
+  hello.runs.push_back(red);
+  Message status;  // left out of both renderings
+  status.runs = {TextRun(u"anna went away")};
+  Message reply;
+  reply.speaker = me;
+  TextRun link(u"site");
+  link.link = Link(u"http://example.org/");
+  reply.runs = {link};
+  t.messages = {hello, status, reply};
+
+  const std::string bold = "<font face=\"Helvetica-Bold\" point-size=\"12\">";
+  const std::string plain =
+      "Sent by Gabfolio ( https://gabfolio.example.org/ )anna: hi <b>red\nme: site\n";
+  const std::string html =
+      "<html><head><title>Gabfolio log</title></head><body>" + bold +
+      "anna</font>: hi <b><font color=\"#ff0000\">red</font>\n\n<br>\n" + bold +
+      "me</font>: <a href=\"http://example.org/\">site</a>\n\n<br>\n<br><hr><i>Sent by <a "
+      "href=\"https://gabfolio.example.org/\">Gabfolio</a>.</i></body></html>";
+
+  for (auto [format, ext] :
+       {std::pair{Format::kKeyed, ".ichat"}, std::pair{Format::kTypedstreamBigEndian, ".chat"},
+        std::pair{Format::kTypedstreamLittleEndian, ".chat"}}) {
+    SCOPED_TRACE(ext);
+    testing::TempHome home;
+    std::string file = std::string("anna on 2005-03-08") + ext;
+    home.Write(file, WriteTranscript(t, format));
+    auto text = RunTool({"convert", home.path() + "/" + file, "--to", "text"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_EQ(text.out, plain);
+    auto page = RunTool(
+        {"convert", "--to=html", home.path() + "/" + file, "-o", home.path() + "/out.html"});
+    EXPECT_EQ(page.status, 0) << page.err;
+    EXPECT_EQ(page.out, "");
+    std::ifstream in(home.path() + "/out.html", std::ios::binary);
+    std::string written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(written, html);
+  }
 }
 
 }  // namespace

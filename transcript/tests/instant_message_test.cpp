@@ -96,6 +96,8 @@ TEST(InstantMessage, LoggedStringKeepsTheTextsAttributes) {
   auto m = Message(Participant(u"Jabber", u"Bob"), text);
   AttributedString line = m->LoggedString();
   EXPECT_EQ(line.text, u"Bob: plain red\n\n");
+  EXPECT_EQ(Message(nullptr, text)->LoggedString().Length(), 0u);
+  EXPECT_EQ(Message(Participant(u"Jabber", u"Bob"), nullptr)->LoggedString().text, u"Bob: \n\n");
   auto font = As<Font>(line.AttributeAt(0, kFontAttribute));
   ASSERT_TRUE(font);
   EXPECT_EQ(font->name, u"Helvetica-Bold");

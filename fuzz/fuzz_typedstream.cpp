@@ -1,0 +1,22 @@
+// libFuzzer target: the typedstream decoder on arbitrary bytes, with the
+// transcript classes substituted as the product does.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "archive/typedstream.h"
+#include "transcript/instant_message.h"
+#include "transcript/presentity.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const gab::ClassSubstitutions classes = {
+      {"InstantMessage", gab::ICLPInstantMessage::InitWithCoder},
+      {"Presentity", gab::ICLPPresentity::InitWithCoder},
+      {"Person", gab::ICLPPerson::InitWithCoder},
+  };
+  std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  gab::DecodeResult r = gab::DecodeTypedstream(bytes, classes);
+  if (r.ok() && r.root) r.root->Description();
+  gab::DecodeTypedstreamValues(bytes);
+  return 0;
+}

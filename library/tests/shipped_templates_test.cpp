@@ -1,0 +1,39 @@
+// The templates the product ships: the placeholders the builders fill, the
+// classes they emit, and the script ban of every library page.
+#include <gtest/gtest.h>
+
+#include "platform/files.h"
+
+namespace gab {
+namespace {
+
+TEST(ShippedTemplates, CarryThePlaceholdersTheClassesAndTheScriptBan) {
+  struct {
+    const char* file;
+    const char* list;
+    const char* listClass;
+  } cases[] = {{"linktemplate.html", "____LINKS", "ul.links"},
+               {"imagetemplate.html", "____IMAGES", "table.images"}};
+  for (const auto& c : cases) {
+    auto text = ReadWholeFile(std::string(GABFOLIO_SOURCE_DIR) + "/data/" + c.file);
+    ASSERT_TRUE(text) << c.file;
+    for (std::string needle :
+         {std::string(
+              "<meta http-equiv=\"Content-Security-Policy\" content=\"script-src 'none'\">"),
+          std::string("____NAME"), std::string("____CONTENTS"), std::string(c.list),
+          std::string(".numb"), std::string("li.active"), std::string(c.listClass),
+          std::string("name=\"viewport\"")})
+      EXPECT_NE(text->find(needle), std::string::npos) << c.file << " lacks " << needle;
+    // The list goes last in its section: a speaker page leaves its last
+    // month open, which must not swallow anything after it.
+    size_t list = text->find(c.list);
+    EXPECT_EQ(text->substr(list + std::string(c.list).size(), 10), "</section>") << c.file;
+    EXPECT_EQ(text->find("<script"), std::string::npos) << c.file;
+  }
+  auto icon = ReadWholeFile(std::string(GABFOLIO_SOURCE_DIR) + "/data/Images/pdf.png");
+  ASSERT_TRUE(icon);
+  EXPECT_EQ(icon->substr(0, 8), "\x89PNG\r\n\x1a\n");
+}
+
+}  // namespace
+}  // namespace gab

@@ -1,0 +1,87 @@
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/StreamCopier.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "library/tests/test_home.h"
+#include "tool/tests/run_tool.h"
+
+namespace gab {
+namespace {
+
+TEST(ViewCommand, HelpAndBadArguments) {
+  struct {
+    std::vector<std::string> args;
+    int status;
+    const char* text;
+  } cases[] = {
+      {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
+      {{"view", "--port", "http"}, 2, "bad port"},
+      {{"view", "--port", "70000"}, 2, "bad port"},
+      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
+      {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
+      {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
+  };
+  for (const auto& c : cases) {
+    auto run = testing::RunTool(c.args);
+    EXPECT_EQ(run.status, c.status) << c.args[1];
+    EXPECT_NE((run.out + run.err).find(c.text), std::string::npos) << run.out << run.err;
+  }
+}
+
+TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
+  testing::TestHome home;
+  unsetenv("DISPLAY");
+  unsetenv("WAYLAND_DISPLAY");
+  home.Put("linktemplate.html", "<h1>____NAME</h1><ul>____CONTENTS</ul>____LINKS");
+  home.Put("gatheredURLs.plist",
+           testing::LinkStoreXml({{"bob smith", {{"2005-03-08T20:07:42Z", "http://a/"}}}}));
+  ASSERT_EQ(testing::RunTool({"rebuild"}).status, 0);
+  ASSERT_TRUE(home.Has("bob smith.html"));
+
+  int out[2];
+  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+  std::string path = testing::ToolPath();
+  std::vector<std::string> args = {path, "view", "--port", "0"};
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  ASSERT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  close(out[1]);
+  std::string text;
+  char buf[512];
+  while (text.find("Gallery:") == std::string::npos) {
+    ssize_t n = read(out[0], buf, sizeof buf);
+    if (n <= 0) break;
+    text.append(buf, size_t(n));
+  }
+  size_t at = text.find("http://127.0.0.1:");
+  ASSERT_NE(at, std::string::npos) << text;
+  int port = std::stoi(text.substr(at + 17));
+  EXPECT_NE(text.find("/Links.html"), std::string::npos) << text;
+
+  Poco::Net::HTTPClientSession session("127.0.0.1", Poco::UInt16(port));
+  Poco::Net::HTTPRequest request("GET", "/bob%20smith.html", Poco::Net::HTTPMessage::HTTP_1_1);
+  session.sendRequest(request);
+  Poco::Net::HTTPResponse response;
+  std::string body;
+  Poco::StreamCopier::copyToString(session.receiveResponse(response), body);
+  EXPECT_EQ(response.getStatus(), Poco::Net::HTTPResponse::HTTP_OK);
+  EXPECT_EQ(body, home.Get("bob smith.html"));
+
+  kill(pid, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  close(out[0]);
+}
+
+}  // namespace
+}  // namespace gab

@@ -1,33 +1,38 @@
 // gabfolio-parser: the companion parser the agent runs once per entry of the
-// transcript folder (with its own path as its only argument).  Each run
-// brings the library up to date with ~/Documents/iChats; a run that finds
-// nothing new only reads its record and stats the files.
+// transcript folder (with its own path as its only argument).  The agent
+// starts it for every entry, so most runs find nothing new: this front only
+// compares the folder with the parser's record, which needs none of the big
+// libraries the real work links (loading them cost more than the check), and
+// hands over to gabfolio-parser-worker only when there is work.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
-#include "parser/library_adapter.h"
-#include "parser/processor.h"
-#include "parser/run_lock.h"
+#include "parser/quick_check.h"
 #include "platform/home.h"
 #include "platform/log.h"
-#include "platform/preferences.h"
-#include "transcript/process_flags.h"
 
 namespace {
 
-void Stop(int) {
-  gab::keepRunning = 0;
-}
+constexpr const char* kWorker = "gabfolio-parser-worker";
 
-int64_t RetryDelay() {
-  // Tests shorten the pause between mail retries.
-  if (const char* s = std::getenv("GABFOLIO_MAIL_RETRY_SECONDS")) return std::atoll(s);
-  return 30;
+// Beside this program (build tree, or everything in one folder), else in
+// <prefix>/libexec/gabfolio.
+std::string WorkerPath() {
+  std::error_code ec;
+  std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
+  if (ec) return "";
+  for (const auto& p : {exe.parent_path() / kWorker,
+                        exe.parent_path().parent_path() / "libexec" / "gabfolio" / kWorker})
+    if (access(p.c_str(), X_OK) == 0) return p.string();
+  return "";
 }
 
 }  // namespace
@@ -43,40 +48,23 @@ int main(int argc, char** argv) {
         "path as the only argument; it can be run by hand the same way.\n");
     return 0;
   }
-  keepRunning = 1;
-  struct sigaction sa {};
-  sa.sa_handler = Stop;
-  sigaction(SIGTERM, &sa, nullptr);
-  sigaction(SIGINT, &sa, nullptr);
-
   const std::string data = DataFolder();
   struct stat st {};
   if (stat(data.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     NSLog("The data folder " + data + " is missing; run 'gabfolio setup'.");
     return 1;
   }
+  int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                    std::chrono::system_clock::now().time_since_epoch())
+                    .count();
+  if (!parser::RunHasWork(TranscriptFolder(), data, now)) return 0;
 
-  parser::RunLock lock;
-  // The agent runs parsers one after another; only a manual run or an
-  // import can hold the lock, and the agent's time limit is 180 seconds.
-  if (!lock.Acquire(parser::LockPath(data), 120)) {
-    NSLog("Another run is busy with the transcripts; this one stops.");
-    return 0;
+  std::string worker = WorkerPath();
+  if (worker.empty()) {
+    NSLog(std::string(kWorker) + " is missing beside " + argv[0]);
+    return 1;
   }
-
-  Preferences& prefs = Preferences::Shared();
-  prefs.AppSynchronize();
-  parser::RunOptions options;
-  options.transcriptFolder = TranscriptFolder();
-  options.dataFolder = data;
-  options.sendEmails = prefs.Bool("sendEmails");
-  options.handleURLs = prefs.Bool("handleURLs");
-  options.handleImages = prefs.Bool("handleImages");
-  options.mailRetryDelaySeconds = RetryDelay();
-  // Well inside the agent's 180 seconds; the next run takes up the rest.
-  options.timeBudgetSeconds = 120;
-
-  parser::TranscriptLibrary library(prefs);
-  parser::RunSummary summary = parser::ProcessTranscripts(library, options);
-  return summary.recordWriteFailed ? 1 : 0;
+  execv(worker.c_str(), argv);
+  NSLog("Cannot run " + worker + ": " + std::strerror(errno));
+  return 1;
 }

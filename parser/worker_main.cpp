@@ -1,0 +1,81 @@
+// gabfolio-parser-worker: the parser's real work, started by gabfolio-parser
+// when the folder holds something new.  Brings the library up to date with
+// ~/Documents/iChats under the run lock.
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "parser/library_adapter.h"
+#include "parser/processor.h"
+#include "parser/run_lock.h"
+#include "platform/home.h"
+#include "platform/log.h"
+#include "platform/preferences.h"
+#include "transcript/process_flags.h"
+
+namespace {
+
+void Stop(int) {
+  gab::keepRunning = 0;
+}
+
+int64_t RetryDelay() {
+  // Tests shorten the pause between mail retries.
+  if (const char* s = std::getenv("GABFOLIO_MAIL_RETRY_SECONDS")) return std::atoll(s);
+  return 30;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace gab;
+  if (argc > 1 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
+    std::printf(
+        "usage: gabfolio-parser [PATH]\n\n"
+        "Brings the Gabfolio library up to date with ~/Documents/iChats: new and\n"
+        "changed transcripts are mailed (when \"sendEmails\" is on), their links and\n"
+        "images gathered and their words counted.  The agent runs it with its own\n"
+        "path as the only argument; it can be run by hand the same way.\n");
+    return 0;
+  }
+  keepRunning = 1;
+  struct sigaction sa {};
+  sa.sa_handler = Stop;
+  sigaction(SIGTERM, &sa, nullptr);
+  sigaction(SIGINT, &sa, nullptr);
+
+  const std::string data = DataFolder();
+  struct stat st {};
+  if (stat(data.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    NSLog("The data folder " + data + " is missing; run 'gabfolio setup'.");
+    return 1;
+  }
+
+  parser::RunLock lock;
+  // The agent runs parsers one after another; only a manual run or an
+  // import can hold the lock, and the agent's time limit is 180 seconds.
+  if (!lock.Acquire(parser::LockPath(data), 120)) {
+    NSLog("Another run is busy with the transcripts; this one stops.");
+    return 0;
+  }
+
+  Preferences& prefs = Preferences::Shared();
+  prefs.AppSynchronize();
+  parser::RunOptions options;
+  options.transcriptFolder = TranscriptFolder();
+  options.dataFolder = data;
+  options.sendEmails = prefs.Bool("sendEmails");
+  options.handleURLs = prefs.Bool("handleURLs");
+  options.handleImages = prefs.Bool("handleImages");
+  options.mailRetryDelaySeconds = RetryDelay();
+  // Well inside the agent's 180 seconds; the next run takes up the rest.
+  options.timeBudgetSeconds = 120;
+
+  parser::TranscriptLibrary library(prefs);
+  parser::RunSummary summary = parser::ProcessTranscripts(library, options);
+  return summary.recordWriteFailed ? 1 : 0;
+}

@@ -41,6 +41,7 @@ bool ICLPChatLog::HandleEmailSending(CWSMTP& smtp) {
   smtp_ = &smtp;
   mailTransmissionDone_ = false;
   mailResult_ = false;
+  mailDelivered_ = false;
   if (diagnosticLogging) NSLog("preparing to email with pantomime");
 
   smtp.setDelegate(CWSMTP::Delegate{
@@ -104,6 +105,7 @@ void ICLPChatLog::authenticationFailed() {
 
 void ICLPChatLog::messageSent() {
   mailTransmissionDone_ = true;
+  mailDelivered_ = true;
 }
 
 void ICLPChatLog::messageNotSent() {

@@ -90,6 +90,8 @@ class ICLPChatLog {
   void messageNotSent();
   void connectionTimedOut();
   std::u16string subjectForEmail();
+  // True when the last transfer ended with the server accepting the message.
+  bool mailDelivered() const { return mailDelivered_; }
 
   // ---- Gathering (library/gathering.cpp) ----
   // One entry per non-status message (messages whose sender has no name give
@@ -117,6 +119,7 @@ class ICLPChatLog {
 
   bool mailTransmissionDone_ = false;
   bool mailResult_ = false;
+  bool mailDelivered_ = false;
   CWSMTP* smtp_ = nullptr;  // not owned
 };
 

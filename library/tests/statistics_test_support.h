@@ -70,6 +70,33 @@ inline std::unique_ptr<ICLPChatLog> Chat(std::u16string party, const std::vector
   return ICLPChatLog::FromParts(std::move(party), std::move(messages), std::move(people));
 }
 
+// Every placeholder the statistics page fills.
+inline const char* const kPlaceholders[] = {
+    "USERTOTAL",
+    "OTHERTOTAL",
+    "SUMTOTAL",
+    "USERWORDAVG",
+    "OTHERWORDAVG",
+    "SUMWORDAVG",
+    "CHATRATIOSIZE",
+    "CHATIMAGEAVG",
+    "CHATLINKAVG",
+    "CHATIMAGETOTAL",
+    "CHATLINKTOTAL",
+    "USERCURSETOTAL",
+    "OTHERCURSETOTAL",
+    "SUMCURSETOTAL",
+    "CURSERATIOSIZE",
+    "CURSERECRATIOSIZE",
+    "NETSPEAKTOTAL",
+    "NETSPEAKOTHERTOTAL",
+    "NETSPEAKSUMTOTAL",
+    "NETSPEAKRATIOSIZE",
+    "DATE1",
+    "DATE2",
+    "AVGCHATSPERDAY",
+};
+
 // A word list file as the product ships them.
 inline std::string WordListXml(const std::vector<std::string>& words) {
   std::string xml =

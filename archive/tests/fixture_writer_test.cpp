@@ -265,13 +265,6 @@ TEST(FixtureWriterTest, TranscriptsDecodeTheSameInEveryFormat) {
   }
 }
 
-TEST(FixtureWriterTest, TypedstreamHeadersFollowTheByteOrder) {
-  std::string be = fixtures::WriteTranscript({}, Format::kTypedstreamBigEndian);
-  std::string le = fixtures::WriteTranscript({}, Format::kTypedstreamLittleEndian);
-  EXPECT_EQ(be.substr(0, 16), std::string("\x04\x0Btypedstream\x81\x03\xE8", 16));
-  EXPECT_EQ(le.substr(0, 16), std::string("\x04\x0Bstreamtyped\x81\xE8\x03", 16));
-}
-
 // The key sets and class chains of our keyed objects are those of the same
 // classes in Apple-written keyed archives.
 TEST(FixtureWriterTest, KeyedObjectsHaveApplesShape) {

@@ -45,6 +45,22 @@ ClassSubstitutions Skipping() {
   return s;
 }
 
+// Checks one decode: `error` (a substring, with the decoder's prefix) or,
+// when it is empty, success and the dump if one is given.
+void ExpectDecode(const DecodeResult& r, const std::string& what, const char* error,
+                  const char* prefix, const char* dump = "") {
+  if (*error) {
+    EXPECT_FALSE(r.ok()) << what;
+    EXPECT_NE(r.error.find(error), std::string::npos) << what << ": " << r.error;
+    EXPECT_TRUE(r.error.starts_with(prefix)) << what << ": " << r.error;
+  } else {
+    EXPECT_TRUE(r.ok()) << what << ": " << r.error;
+    if (*dump) {
+      EXPECT_EQ(Dump(r.root), dump) << what;
+    }
+  }
+}
+
 TEST(HostileInputTest, EveryTruncationFailsCleanly) {
   for (auto f : {fixtures::Format::kTypedstreamBigEndian,
                  fixtures::Format::kTypedstreamLittleEndian, fixtures::Format::kKeyed}) {
@@ -125,19 +141,8 @@ TEST(HostileInputTest, TypedstreamDamageIsNamed) {
        kHeader + "\x84\x01@\x84\x84\x84\x08NSString\x01\x85\x84\x01+\x7Fhi\x86"s,
        "length exceeds the remaining data", ""},
   };
-  for (const auto& c : cases) {
-    DecodeResult r = DecodeTypedstream(c.bytes);
-    if (*c.error) {
-      EXPECT_FALSE(r.ok()) << c.what;
-      EXPECT_NE(r.error.find(c.error), std::string::npos) << c.what << ": " << r.error;
-      EXPECT_TRUE(r.error.starts_with("typedstream: ")) << c.what;
-    } else {
-      EXPECT_TRUE(r.ok()) << c.what << ": " << r.error;
-      if (*c.dump) {
-        EXPECT_EQ(Dump(r.root), c.dump) << c.what;
-      }
-    }
-  }
+  for (const auto& c : cases)
+    ExpectDecode(DecodeTypedstream(c.bytes), c.what, c.error, "typedstream: ", c.dump);
 }
 
 TEST(HostileInputTest, AttributedRunsMustCoverTheText) {
@@ -154,11 +159,8 @@ TEST(HostileInputTest, AttributedRunsMustCoverTheText) {
     auto s = std::make_shared<AttributedString>();
     s->text = u"ab";
     for (uint32_t len : c.runs) s->runs.push_back({len, std::make_shared<Dictionary>()});
-    DecodeResult r = DecodeTypedstream(fixtures::WriteTypedstreamObject(s, true));
-    EXPECT_EQ(r.ok(), !*c.error) << r.error;
-    if (*c.error) {
-      EXPECT_NE(r.error.find(c.error), std::string::npos) << r.error;
-    }
+    ExpectDecode(DecodeTypedstream(fixtures::WriteTypedstreamObject(s, true)),
+                 "runs " + std::to_string(c.runs.size()), c.error, "typedstream: ");
   }
 }
 
@@ -185,13 +187,9 @@ TEST(HostileInputTest, SubstitutedClassesFailOrSkipCleanly) {
        },
        "expected a \"I\" group"},
   };
-  for (const auto& c : cases) {
-    DecodeResult r = DecodeTypedstream(bytes, {{"NSString", c.factory}});
-    EXPECT_EQ(r.ok(), !*c.error) << c.what << ": " << r.error;
-    if (*c.error) {
-      EXPECT_NE(r.error.find(c.error), std::string::npos) << c.what << ": " << r.error;
-    }
-  }
+  for (const auto& c : cases)
+    ExpectDecode(DecodeTypedstream(bytes, {{"NSString", c.factory}}), c.what, c.error,
+                 "typedstream: ");
 }
 
 // A binary plist from encoded objects; references and offsets one byte
@@ -380,19 +378,8 @@ TEST(HostileInputTest, KeyedDamageIsNamed) {
        }),
        "beyond $objects", ""},
   };
-  for (const auto& c : cases) {
-    DecodeResult r = DecodeKeyedArchive(c.bytes);
-    if (*c.error) {
-      EXPECT_FALSE(r.ok()) << c.what;
-      EXPECT_NE(r.error.find(c.error), std::string::npos) << c.what << ": " << r.error;
-      EXPECT_TRUE(r.error.starts_with("keyed archive: ")) << c.what;
-    } else {
-      EXPECT_TRUE(r.ok()) << c.what << ": " << r.error;
-      if (*c.dump) {
-        EXPECT_EQ(Dump(r.root), c.dump) << c.what;
-      }
-    }
-  }
+  for (const auto& c : cases)
+    ExpectDecode(DecodeKeyedArchive(c.bytes), c.what, c.error, "keyed archive: ", c.dump);
 }
 
 // The same archive as an XML plist ({CF$UID = n} references) decodes alike.
@@ -411,12 +398,6 @@ TEST(HostileInputTest, XmlKeyedArchivesDecodeLikeBinaryOnes) {
   EXPECT_FALSE(DecodeKeyedArchive("<plist><dict>").ok());
   EXPECT_FALSE(DecodeKeyedArchive("").ok());
 }
-
-}  // namespace
-}  // namespace gab
-
-namespace gab {
-namespace {
 
 // Inputs the fuzzers found: values far outside any real date or colour
 // space decode and print without undefined conversions.

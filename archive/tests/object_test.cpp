@@ -163,12 +163,6 @@ TEST(DescriptionTest, CollectionsPrintAsOldStylePropertyLists) {
   EXPECT_EQ(Number::Real(1e300)->IntegerValue(), INT64_MAX);
 }
 
-}  // namespace
-}  // namespace gab
-
-namespace gab {
-namespace {
-
 // Shared subtrees make descriptions exponential; the description stops.
 TEST(DescriptionTest, SharedSubtreesDoNotExplode) {
   auto leaf = std::make_shared<Array>();

@@ -2,6 +2,7 @@
 // log lines, reported codes and texts, and the unique subjects.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <regex>
 #include <thread>
 
@@ -156,50 +157,49 @@ TEST_F(MailSendingTest, OutcomesLogLinesAndReports) {
   }
 }
 
-TEST_F(MailSendingTest, UnreachableServerReportsWithoutATimer) {
-  ResetPrefs({{"emailFails", int64_t(3)}});
-  CWSMTP smtp("127.0.0.1", 1);  // nothing listens on port 1
-  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
-  ICLPChatLog log;
-  ::testing::internal::CaptureStderr();
-  EXPECT_TRUE(log.HandleEmailSending(smtp));
-  auto lines = MailLines(::testing::internal::GetCapturedStderr());
-  EXPECT_EQ(lines, std::vector<std::string>{"Unable to connect to mail server."});
-  EXPECT_EQ(StringValue(StoredPref("reportThis")), "SMTP unreachable");
-  EXPECT_EQ(IntValue(StoredPref("errorStatus")), 2);
-  EXPECT_FALSE(RunLoop::Current().HasSources());
-}
-
-TEST_F(MailSendingTest, StopRequestEndsTheWait) {
-  SmtpServer server({"--mode", "silent"});
-  ASSERT_NE(server.port(), 0);
-  ResetPrefs({});
-  CWSMTP smtp("127.0.0.1", server.port());
-  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
-  ICLPChatLog log;
-  // The termination handler clears the flag; the wait sees it after the
-  // first turn of the run loop.
-  RunLoop::Current().Post([] { keepRunning = 0; });
-  EXPECT_TRUE(log.HandleEmailSending(smtp));
-  EXPECT_FALSE(StoredPref("reportThis").has_value());
-  EXPECT_FALSE(RunLoop::Current().HasSources());
-}
-
-TEST_F(MailSendingTest, RunLoopWithNothingToWaitForIsReported) {
-  SmtpServer server({"--mode", "silent"});
-  ASSERT_NE(server.port(), 0);
-  ResetPrefs({{"emailFails", int64_t(3)}});
-  CWSMTP smtp("127.0.0.1", server.port());
-  smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
-  ICLPChatLog log;
-  // Something withdraws the transfer's timer and reads: the wait would never end.
-  RunLoop::Current().Post([&smtp] { RunLoop::Current().CancelAll(&smtp); });
-  ::testing::internal::CaptureStderr();
-  EXPECT_TRUE(log.HandleEmailSending(smtp));
-  auto lines = MailLines(::testing::internal::GetCapturedStderr());
-  EXPECT_EQ(lines, std::vector<std::string>{"Error waiting for email transmission runloop."});
-  EXPECT_EQ(StringValue(StoredPref("reportThis")), "runloop error");
-  EXPECT_EQ(IntValue(StoredPref("errorStatus")), 4);
+// Transfers that end without a reply from the server.
+TEST_F(MailSendingTest, WaitsThatEndEarly) {
+  SmtpServer silent({"--mode", "silent"});
+  ASSERT_NE(silent.port(), 0);
+  const struct {
+    const char* name;
+    int port;
+    std::function<void(CWSMTP&)> duringTheWait;
+    std::vector<std::string> log;
+    std::optional<std::string> reportThis;
+    int code;
+  } cases[] = {
+      // Nothing listens on port 1: reported at once, without a timer.
+      {"unreachable", 1, nullptr, {"Unable to connect to mail server."}, "SMTP unreachable", 2},
+      // The termination handler clears the flag; the wait sees it after the
+      // first turn of the run loop.
+      {"stop request", silent.port(), [](CWSMTP&) { keepRunning = 0; }, {}, std::nullopt, 0},
+      // Something withdraws the transfer's timer and reads: the wait would
+      // never end.
+      {"nothing to wait for",
+       silent.port(),
+       [](CWSMTP& smtp) { RunLoop::Current().CancelAll(&smtp); },
+       {"Error waiting for email transmission runloop."},
+       "runloop error",
+       4},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    keepRunning = 1;
+    ResetPrefs({{"emailFails", int64_t(3)}});
+    CWSMTP smtp("127.0.0.1", c.port);
+    smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
+    if (c.duringTheWait) RunLoop::Current().Post([&] { c.duringTheWait(smtp); });
+    ICLPChatLog log;
+    ::testing::internal::CaptureStderr();
+    EXPECT_TRUE(log.HandleEmailSending(smtp));
+    EXPECT_EQ(MailLines(::testing::internal::GetCapturedStderr()), c.log);
+    auto report = StoredPref("reportThis");
+    EXPECT_EQ(report.has_value(), c.reportThis.has_value());
+    EXPECT_EQ(StringValue(report), c.reportThis);
+    EXPECT_EQ(IntValue(StoredPref("errorStatus")), c.code);
+    EXPECT_FALSE(RunLoop::Current().HasSources());
+  }
 }
 
 TEST_F(MailSendingTest, SubjectsAndTheirCounter) {

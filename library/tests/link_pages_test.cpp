@@ -194,19 +194,6 @@ class LinkStoreSave : public ::testing::Test {
   std::unique_ptr<ICLPChatLog> empty = ICLPChatLog::FromParts(u"Ann", {});
 };
 
-TEST_F(LinkStoreSave, UnparsableStoreIsKeptAndReportedAsPermissions) {
-  home.Put("linktemplate.html", TestTemplate("____LINKS"));
-  home.Put("gatheredURLs.plist", "not a plist");
-  ::testing::internal::CaptureStderr();
-  ICLPLogGenerator::GenerateLinkFiles(empty.get());
-  std::string log = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("Link file failed to write to path: " + home.data() + "/gatheredURLs.plist"),
-            std::string::npos)
-      << log;
-  EXPECT_EQ(home.Get("gatheredURLs.plist"), "not a plist");
-  EXPECT_FALSE(home.Has("Links.html")) << "no page after a failed save";
-}
-
 TEST_F(LinkStoreSave, FailedWriteIsReportedAsPermissions) {
   home.Put("linktemplate.html", TestTemplate("____LINKS"));
   // A folder where the store should be: reading finds no store, and the

@@ -15,36 +15,11 @@ namespace gab {
 namespace {
 
 using testing::Chat;
+using testing::kPlaceholders;
 using testing::Line;
 using testing::ReadStore;
 using testing::StoredTotals;
 using testing::WordListXml;
-
-const char* const kPlaceholders[] = {
-    "USERTOTAL",
-    "OTHERTOTAL",
-    "SUMTOTAL",
-    "USERWORDAVG",
-    "OTHERWORDAVG",
-    "SUMWORDAVG",
-    "CHATRATIOSIZE",
-    "CHATIMAGEAVG",
-    "CHATLINKAVG",
-    "CHATIMAGETOTAL",
-    "CHATLINKTOTAL",
-    "USERCURSETOTAL",
-    "OTHERCURSETOTAL",
-    "SUMCURSETOTAL",
-    "CURSERATIOSIZE",
-    "CURSERECRATIOSIZE",
-    "NETSPEAKTOTAL",
-    "NETSPEAKOTHERTOTAL",
-    "NETSPEAKSUMTOTAL",
-    "NETSPEAKRATIOSIZE",
-    "DATE1",
-    "DATE2",
-    "AVGCHATSPERDAY",
-};
 
 // One "NAME=____NAME" line per placeholder, and one placeholder a second
 // time on a line of its own.

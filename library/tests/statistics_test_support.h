@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "archive/object.h"
+#include "library/tests/transcript_builder.h"
 #include "platform/files.h"
 #include "platform/plist.h"
 #include "platform/testing/temp_home.h"
@@ -25,36 +26,16 @@ struct Line {
 };
 
 inline std::shared_ptr<ICLPInstantMessage> Message(const Line& line) {
-  auto m = std::make_shared<ICLPInstantMessage>();
-  if (line.speaker) {
-    auto p = std::make_shared<ICLPPresentity>();
-    p->protocol = u"Jabber";  // names on this service resolve to themselves
-    p->name = *line.speaker;
-    m->speaker = p;
-  }
-  auto text = std::make_shared<AttributedString>();
-  text->Append(line.text, nullptr);
+  std::vector<Piece> pieces = {{line.text}};
   for (const std::u16string& link : line.links) {
-    auto attrs = std::make_shared<Dictionary>();
-    attrs->entries.emplace_back(std::make_shared<String>(std::u16string(kLinkAttribute)),
-                                std::make_shared<String>(link));
-    text->Append(u" ", nullptr);
-    text->Append(link, attrs);
+    pieces.push_back({u" "});
+    pieces.push_back({link, LinkString(link)});
   }
   for (int i = 0; i < line.attachments; ++i) {
-    auto wrapper = std::make_shared<FileWrapper>();
-    wrapper->regular = true;
-    wrapper->preferredFilename = u"photo" + std::u16string(1, char16_t(u'0' + i)) + u".jpg";
-    auto attachment = std::make_shared<TextAttachment>();
-    attachment->fileWrapper = wrapper;
-    auto attrs = std::make_shared<Dictionary>();
-    attrs->entries.emplace_back(std::make_shared<String>(std::u16string(kAttachmentAttribute)),
-                                attachment);
-    text->Append(u"\uFFFC", attrs);
+    std::u16string name = u"photo" + std::u16string(1, char16_t(u'0' + i)) + u".jpg";
+    pieces.push_back({u"\uFFFC", nullptr, FileNamed(name, "")});
   }
-  m->string = text;
-  m->timestamp = Date{line.time};
-  return m;
+  return Message(line.speaker.value_or(u""), Date{line.time}, pieces);
 }
 
 inline std::unique_ptr<ICLPChatLog> Chat(std::u16string party, const std::vector<Line>& lines,
@@ -69,6 +50,33 @@ inline std::unique_ptr<ICLPChatLog> Chat(std::u16string party, const std::vector
   }
   return ICLPChatLog::FromParts(std::move(party), std::move(messages), std::move(people));
 }
+
+// Every placeholder the statistics page fills.
+inline const char* const kPlaceholders[] = {
+    "USERTOTAL",
+    "OTHERTOTAL",
+    "SUMTOTAL",
+    "USERWORDAVG",
+    "OTHERWORDAVG",
+    "SUMWORDAVG",
+    "CHATRATIOSIZE",
+    "CHATIMAGEAVG",
+    "CHATLINKAVG",
+    "CHATIMAGETOTAL",
+    "CHATLINKTOTAL",
+    "USERCURSETOTAL",
+    "OTHERCURSETOTAL",
+    "SUMCURSETOTAL",
+    "CURSERATIOSIZE",
+    "CURSERECRATIOSIZE",
+    "NETSPEAKTOTAL",
+    "NETSPEAKOTHERTOTAL",
+    "NETSPEAKSUMTOTAL",
+    "NETSPEAKRATIOSIZE",
+    "DATE1",
+    "DATE2",
+    "AVGCHATSPERDAY",
+};
 
 // A word list file as the product ships them.
 inline std::string WordListXml(const std::vector<std::string>& words) {

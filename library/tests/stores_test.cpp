@@ -91,17 +91,6 @@ TEST(Stores, LookupsMatchTheFirstWellFormedRecordExactly) {
   EXPECT_FALSE(ICLPLogGenerator::FindSpeakerArray(u"Ann", nullptr));
 }
 
-TEST(Stores, LoadTellsMissingFromUnparsable) {
-  TestHome home;
-  auto missing = LoadStore(home.data() + "/none.plist");
-  ASSERT_TRUE(missing);
-  EXPECT_EQ(plist_array_get_size(missing.get()), 0u);
-  home.Put("bad.plist", "<plist><arr");
-  EXPECT_FALSE(LoadStore(home.data() + "/bad.plist"));
-  home.Put("dict.plist", "<plist><dict/></plist>");
-  EXPECT_FALSE(LoadStore(home.data() + "/dict.plist"));
-}
-
 std::vector<std::string> Urls(plist_t list) {
   std::vector<std::string> out;
   for (uint32_t i = 0; list && i < plist_array_get_size(list); ++i) {

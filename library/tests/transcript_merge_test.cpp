@@ -80,19 +80,24 @@ TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
   EXPECT_EQ(n, 8u);
 }
 
-TEST(TranscriptMerge, UnparsableLinkStoreIsReportedAndKept) {
-  TestHome home;
-  home.Put("linktemplate.html", TestTemplate("____LINKS"));
-  home.Put("gatheredURLs.plist", "<?xml version=\"1.0\"?><plist><array><dict>");
-  auto chat = LinkChat();
-  ::testing::internal::CaptureStderr();
-  ICLPLogGenerator::GenerateLinkFiles(chat.get());
-  std::string log = ::testing::internal::GetCapturedStderr();
-  EXPECT_NE(log.find("Link file failed to write to path: " + home.data() + "/gatheredURLs.plist"),
-            std::string::npos);
-  EXPECT_EQ(Preferences::Shared().String("reportThis"), "permissions");
-  EXPECT_EQ(home.Get("gatheredURLs.plist"), "<?xml version=\"1.0\"?><plist><array><dict>");
-  EXPECT_FALSE(home.Has("Bob.html"));
+// A store that does not parse, or is not a list, is reported and kept.
+TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
+  for (const char* bad :
+       {"<?xml version=\"1.0\"?><plist><array><dict>", "<plist><dict/></plist>"}) {
+    SCOPED_TRACE(bad);
+    Preferences::Shared().SetAppValue("reportThis", std::nullopt);
+    TestHome home;
+    home.Put("linktemplate.html", TestTemplate("____LINKS"));
+    home.Put("gatheredURLs.plist", bad);
+    ::testing::internal::CaptureStderr();
+    ICLPLogGenerator::GenerateLinkFiles(LinkChat().get());
+    std::string log = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("Link file failed to write to path: " + home.data() + "/gatheredURLs.plist"),
+              std::string::npos);
+    EXPECT_EQ(Preferences::Shared().String("reportThis"), "permissions");
+    EXPECT_EQ(home.Get("gatheredURLs.plist"), bad);
+    EXPECT_FALSE(home.Has("Bob.html"));
+  }
 }
 
 std::unique_ptr<ICLPChatLog> ImageChat() {

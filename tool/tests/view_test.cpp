@@ -11,26 +11,6 @@
 namespace gab {
 namespace {
 
-TEST(ViewCommand, HelpAndBadArguments) {
-  struct {
-    std::vector<std::string> args;
-    int status;
-    const char* text;
-  } cases[] = {
-      {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
-      {{"view", "--port", "http"}, 2, "bad port"},
-      {{"view", "--port", "70000"}, 2, "bad port"},
-      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
-      {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
-      {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
-  };
-  for (const auto& c : cases) {
-    auto run = testing::RunTool(c.args);
-    EXPECT_EQ(run.status, c.status) << c.args[1];
-    EXPECT_NE((run.out + run.err).find(c.text), std::string::npos) << run.out << run.err;
-  }
-}
-
 TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   testing::TestHome home;
   unsetenv("DISPLAY");

@@ -23,18 +23,8 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
 
   int out[2];
   ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  std::string path = testing::ToolPath();
-  std::vector<std::string> args = {path, "view", "--port", "0"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
+  pid_t pid = testing::SpawnTool({"view", "--port", "0"}, out);
+  ASSERT_GT(pid, 0);
   std::string text;
   char buf[512];
   while (text.find("Gallery:") == std::string::npos) {

@@ -14,6 +14,19 @@ using testing::FakeDesktop;
 using testing::XvfbServer;
 using Kind = FakeDesktop::TitleKind;
 
+// Sets DISPLAY (null: unsets it) for the life of the object.
+class ScopedDisplay {
+ public:
+  explicit ScopedDisplay(const char* value) {
+    if (const char* old = std::getenv("DISPLAY")) saved_ = old;
+    value ? setenv("DISPLAY", value, 1) : unsetenv("DISPLAY");
+  }
+  ~ScopedDisplay() { saved_ ? setenv("DISPLAY", saved_->c_str(), 1) : unsetenv("DISPLAY"); }
+
+ private:
+  std::optional<std::string> saved_;
+};
+
 class ChatWindowsX11 : public ::testing::Test {
  protected:
   static void SetUpTestSuite() { server_ = new XvfbServer; }
@@ -98,9 +111,7 @@ TEST_F(ChatWindowsX11, MissingClientListFailsTheQuery) {
 }
 
 TEST_F(ChatWindowsX11, CurrentSourceUsesTheDisplayVariable) {
-  const char* old = std::getenv("DISPLAY");
-  std::string saved = old ? old : "";
-  setenv("DISPLAY", server_->display().c_str(), 1);
+  ScopedDisplay display(server_->display().c_str());
   SetChatWindows(nullptr);
   EXPECT_FALSE(ChatClientHasWindows());
   desktop_->AddWindow("iChat", "Chat with Anna");
@@ -108,22 +119,15 @@ TEST_F(ChatWindowsX11, CurrentSourceUsesTheDisplayVariable) {
   auto titles = CurrentChatWindows().WindowTitles();
   ASSERT_TRUE(titles.has_value());
   EXPECT_EQ(titles->size(), 1u);
-  if (old)
-    setenv("DISPLAY", saved.c_str(), 1);
-  else
-    unsetenv("DISPLAY");
 }
 
 TEST(ChatWindowsNoDisplay, QueryFails) {
   testing::TempHome home;
-  const char* old = std::getenv("DISPLAY");
-  std::string saved = old ? old : "";
-  unsetenv("DISPLAY");
+  ScopedDisplay display(nullptr);
   EXPECT_FALSE(QueryX11WindowTitles(nullptr).has_value());
   EXPECT_FALSE(ChatClientHasWindows());
   EXPECT_FALSE(QueryX11WindowTitles("no display here").has_value());
   EXPECT_FALSE(QueryX11WindowTitles("unix:/nonexistent/socket").has_value());
-  if (old) setenv("DISPLAY", saved.c_str(), 1);
 }
 
 TEST(TitlesEqualIgnoringCase, WholeTitleWithCaseFolded) {

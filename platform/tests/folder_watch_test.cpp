@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/testing/temp_home.h"
+
 namespace gab {
 namespace {
 
@@ -16,13 +18,8 @@ namespace fs = std::filesystem;
 class InotifySourceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/gabfolio-watch-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
-    folder_ = root_ + "/Documents/iChats";
-    fs::create_directories(folder_ + "/Old");
-    std::ofstream(folder_ + "/existing.chat") << "x";
-    std::ofstream(folder_ + "/Old/inside.chat") << "x";
+    home_.Write("Documents/iChats/existing.chat", "x");
+    home_.Write("Documents/iChats/Old/inside.chat", "x");
     fd_ = open(folder_.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd_, 0);
     source_ = InotifyFolderSource::Create(fd_, folder_);
@@ -35,14 +32,14 @@ class InotifySourceTest : public ::testing::Test {
   void TearDown() override {
     source_.reset();
     close(fd_);
-    fs::remove_all(root_);
   }
   int Wait(double seconds = 0.2) {
     timespec t{time_t(seconds), long((seconds - time_t(seconds)) * 1e9)};
     return source_->Wait(change_, &event_, t);
   }
 
-  std::string root_, folder_;
+  testing::TempHome home_;
+  const std::string folder_ = home_.path() + "/Documents/iChats";
   int fd_ = -1;
   std::unique_ptr<InotifyFolderSource> source_;
   KEvent change_{}, event_{};

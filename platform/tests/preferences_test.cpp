@@ -11,6 +11,7 @@
 #include <string>
 
 #include "platform/files.h"
+#include "platform/testing/temp_home.h"
 
 namespace gab {
 namespace {
@@ -19,14 +20,9 @@ namespace fs = std::filesystem;
 
 class PreferencesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/gabfolio-prefs-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root_ = tmpl;
-    path_ = root_ + "/Library/Preferences/com.tidewrack.gabfolio.plist";
-  }
-  void TearDown() override { fs::remove_all(root_); }
-  std::string root_, path_;
+  testing::TempHome home_;
+  const std::string root_ = home_.path();
+  const std::string path_ = root_ + "/Library/Preferences/com.tidewrack.gabfolio.plist";
 };
 
 TEST(PreferenceValues, ReadLikeNSNumberAndNSString) {
@@ -128,14 +124,14 @@ TEST_F(PreferencesTest, WritesPrivateXmlAndKeepsValuesItDoesNotKnow) {
 TEST_F(PreferencesTest, ReadsBinaryPlistWrittenByAnotherTool) {
   fs::create_directories(fs::path(path_).parent_path());
   std::string xml = root_ + "/in.plist";
-  std::ofstream(xml) << R"(<?xml version="1.0" encoding="UTF-8"?>
+  home_.Write("in.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0"><dict>
 <key>errorStatus</key><integer>4</integer>
 <key>parserPath</key><string>/usr/bin/true</string>
 <key>sendEmails</key><true/>
 </dict></plist>
-)";
+)");
   std::string cmd = "plistutil -i '" + xml + "' -o '" + path_ + "' -f bin";
   if (std::system(cmd.c_str()) != 0) GTEST_SKIP() << "plistutil (libplist-utils) is not available";
   auto bytes = ReadWholeFile(path_);

@@ -11,26 +11,6 @@
 namespace gab {
 namespace {
 
-TEST(ViewCommand, HelpAndBadArguments) {
-  struct {
-    std::vector<std::string> args;
-    int status;
-    const char* text;
-  } cases[] = {
-      {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
-      {{"view", "--port", "http"}, 2, "bad port"},
-      {{"view", "--port", "70000"}, 2, "bad port"},
-      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
-      {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
-      {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
-  };
-  for (const auto& c : cases) {
-    auto run = testing::RunTool(c.args);
-    EXPECT_EQ(run.status, c.status) << c.args[1];
-    EXPECT_NE((run.out + run.err).find(c.text), std::string::npos) << run.out << run.err;
-  }
-}
-
 TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   testing::TestHome home;
   unsetenv("DISPLAY");
@@ -43,18 +23,8 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
 
   int out[2];
   ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  std::string path = testing::ToolPath();
-  std::vector<std::string> args = {path, "view", "--port", "0"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
+  pid_t pid = testing::SpawnTool({"view", "--port", "0"}, out);
+  ASSERT_GT(pid, 0);
   std::string text;
   char buf[512];
   while (text.find("Gallery:") == std::string::npos) {

@@ -9,6 +9,7 @@
 
 #include "archive/coder.h"
 #include "archive/object.h"
+#include "transcript/chat_log.h"
 #include "transcript/instant_message.h"
 #include "transcript/presentity.h"
 
@@ -93,5 +94,13 @@ class FakeCoder : public Coder {
  private:
   bool keyed_;
 };
+
+// A transcript named for `party` with `others` AIM participants besides the user.
+inline std::unique_ptr<ICLPChatLog> ChatWith(std::u16string party, int others) {
+  std::vector<std::shared_ptr<ICLPPresentity>> people;
+  for (int i = 0; i < others; ++i)
+    people.push_back(Participant(u"AIM", u"buddy" + std::u16string(1, char16_t(u'0' + i))));
+  return ICLPChatLog::FromParts(std::move(party), {}, std::move(people));
+}
 
 }  // namespace gab::testing

@@ -8,6 +8,7 @@
 #include "platform/testing/temp_home.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
+#include "transcript/tests/builders.h"
 
 namespace gab {
 namespace {
@@ -22,18 +23,10 @@ class FakeChatWindows : public ChatWindows {
   int queries = 0;
 };
 
-std::unique_ptr<ICLPChatLog> Transcript(std::u16string party, int others) {
-  std::vector<std::shared_ptr<ICLPPresentity>> people;
-  for (int i = 0; i < others; ++i) {
-    auto p = std::make_shared<ICLPPresentity>();
-    p->protocol = u"AIM";
-    p->name = u"buddy" + std::u16string(1, char16_t(u'0' + i));
-    people.push_back(p);
-  }
-  return ICLPChatLog::FromParts(std::move(party), {}, std::move(people));
-}
+const auto Transcript = testing::ChatWith;
 
-using Titles = std::optional<std::vector<std::u16string>>;
+using W = std::vector<std::u16string>;
+using Titles = std::optional<W>;
 const Titles kFailed = std::nullopt;
 
 struct Case {
@@ -58,42 +51,31 @@ class EndOfChat : public ::testing::Test {
 
 TEST_F(EndOfChat, JudgesByTheChatClientsWindows) {
   const std::vector<Case> cases = {
-      {"client not running", false, u"Anna", 1, std::vector<std::u16string>{u"Chat with Anna"},
-       true},
+      {"client not running", false, u"Anna", 1, W{u"Chat with Anna"}, true},
       {"client not running, failed query", false, u"Anna", 1, kFailed, true},
-      {"no windows", true, u"Anna", 1, std::vector<std::u16string>{}, true},
-      {"other windows only", true, u"Anna", 1,
-       std::vector<std::u16string>{u"Buddy List", u"Chat with Bob"}, true},
-      {"Chat with", true, u"Anna", 1, std::vector<std::u16string>{u"Chat with Anna"}, false},
-      {"Chatting with", true, u"Anna", 1, std::vector<std::u16string>{u"Chatting with Anna"},
+      {"no windows", true, u"Anna", 1, W{}, true},
+      {"other windows only", true, u"Anna", 1, W{u"Buddy List", u"Chat with Bob"}, true},
+      {"Chat with", true, u"Anna", 1, W{u"Chat with Anna"}, false},
+      {"Chatting with", true, u"Anna", 1, W{u"Chatting with Anna"}, false},
+      {"Instant Messages with", true, u"Anna", 1, W{u"Instant Messages with Anna"}, false},
+      {"et al.", true, u"Anna", 1, W{u"Chatting with Anna et al."}, false},
+      {"case ignored", true, u"Anna", 1, W{u"CHAT WITH anna"}, false},
+      {"longer name is another chat", true, u"Anna", 1, W{u"Chat with Annabel"}, true},
+      {"shorter name is another chat", true, u"Annabel", 1, W{u"Chat with Anna"}, true},
+      {"whole title only", true, u"Anna", 1, W{u"Chat with Anna (idle)", u"Re: Chat with Anna"},
+       true},
+      {"title among others", true, u"Anna", 1, W{u"Buddy List", u"Instant Messages with Anna"},
        false},
-      {"Instant Messages with", true, u"Anna", 1,
-       std::vector<std::u16string>{u"Instant Messages with Anna"}, false},
-      {"et al.", true, u"Anna", 1, std::vector<std::u16string>{u"Chatting with Anna et al."},
+      {"quotes in the name match as they are", true, u"Dr \"Who\"", 1, W{u"Chat with Dr \"Who\""},
        false},
-      {"case ignored", true, u"Anna", 1, std::vector<std::u16string>{u"CHAT WITH anna"}, false},
-      {"longer name is another chat", true, u"Anna", 1,
-       std::vector<std::u16string>{u"Chat with Annabel"}, true},
-      {"shorter name is another chat", true, u"Annabel", 1,
-       std::vector<std::u16string>{u"Chat with Anna"}, true},
-      {"whole title only", true, u"Anna", 1,
-       std::vector<std::u16string>{u"Chat with Anna (idle)", u"Re: Chat with Anna"}, true},
-      {"title among others", true, u"Anna", 1,
-       std::vector<std::u16string>{u"Buddy List", u"Instant Messages with Anna"}, false},
-      {"quotes in the name match as they are", true, u"Dr \"Who\"", 1,
-       std::vector<std::u16string>{u"Chat with Dr \"Who\""}, false},
       {"no script escaping leaks into titles", true, u"Dr \"Who\"", 1,
-       std::vector<std::u16string>{u"Chat with Dr \\\"Who\\\""}, true},
-      {"backslash in the name", true, u"back\\slash", 1,
-       std::vector<std::u16string>{u"Chatting with back\\slash"}, false},
-      {"no other participants is not a group", true, u"Anna", 0,
-       std::vector<std::u16string>{u"Buddy List"}, true},
+       W{u"Chat with Dr \\\"Who\\\""}, true},
+      {"backslash in the name", true, u"back\\slash", 1, W{u"Chatting with back\\slash"}, false},
+      {"no other participants is not a group", true, u"Anna", 0, W{u"Buddy List"}, true},
       {"failed query keeps the chat", true, u"Anna", 1, kFailed, false},
-      {"group without windows", true, u"Anna", 2, std::vector<std::u16string>{}, true},
-      {"group with any window", true, u"Anna", 2, std::vector<std::u16string>{u"Buddy List"},
-       false},
-      {"group ignores titles", true, u"Anna", 3, std::vector<std::u16string>{u"Chat with Zed"},
-       false},
+      {"group without windows", true, u"Anna", 2, W{}, true},
+      {"group with any window", true, u"Anna", 2, W{u"Buddy List"}, false},
+      {"group ignores titles", true, u"Anna", 3, W{u"Chat with Zed"}, false},
       {"group with failed query", true, u"Anna", 2, kFailed, false},
   };
   for (const Case& c : cases) {

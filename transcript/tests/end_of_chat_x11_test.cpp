@@ -9,6 +9,7 @@
 #include "platform/tests/xvfb_server.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
+#include "transcript/tests/builders.h"
 
 namespace gab {
 namespace {
@@ -16,16 +17,7 @@ namespace {
 using testing::FakeDesktop;
 using testing::XvfbServer;
 
-std::unique_ptr<ICLPChatLog> Transcript(std::u16string party, int others) {
-  std::vector<std::shared_ptr<ICLPPresentity>> people;
-  for (int i = 0; i < others; ++i) {
-    auto p = std::make_shared<ICLPPresentity>();
-    p->protocol = u"AIM";
-    p->name = u"buddy";
-    people.push_back(p);
-  }
-  return ICLPChatLog::FromParts(std::move(party), {}, std::move(people));
-}
+const auto Transcript = testing::ChatWith;
 
 class EndOfChatX11 : public ::testing::Test {
  protected:

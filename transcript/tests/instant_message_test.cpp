@@ -15,47 +15,37 @@ using testing::Text;
 
 // ---- Word counts ----
 
-struct WordCase {
-  const char* label;
-  std::u16string text;
-  bool withSet;  // the set {lol, brb}
-  int32_t expected;
-};
-
-void PrintTo(const WordCase& c, std::ostream* os) {
-  *os << c.label;
-}
-
-class WordCount : public ::testing::TestWithParam<WordCase> {};
-
-TEST_P(WordCount, Counts) {
-  const WordCase& c = GetParam();
+TEST(WordCount, Scanner) {
+  struct Case {
+    const char* label;
+    std::u16string text;
+    bool withSet;  // the set {lol, brb}
+    int32_t expected;
+  };
+  const Case cases[] = {// After the first word the scanner skips the second space; then only
+                        // a space ends a word, so "lol\nlol" is one word.
+                        {"LineFeedDoesNotSplitInSet", u"lol  lol\nlol", true, 1},
+                        {"LineFeedDoesNotSplitAll", u"lol  lol\nlol", false, 2},
+                        {"OnlySpaces", u"     ", false, 0},
+                        {"Empty", u"", false, 0},
+                        {"OnlyLineEnds", u"\n\r\n\t\u2028\u0085", false, 0},
+                        {"LeadingWhiteSpaceSkipped", u"\n\t lol", true, 1},
+                        {"TrailingSpaceEndsCleanly", u"lol ", true, 1},
+                        {"TrailingLineFeedStaysInWord", u"lol\n", true, 0},
+                        {"TabBeforeSpaceStaysInWord", u"lol\t lol", true, 1},
+                        {"PunctuationKept", u"lol, lol! lol", true, 1},
+                        {"CaseKept", u"LOL Lol lol", true, 1},
+                        {"NoBreakSpaceJoins", u"lol\u00A0lol", false, 1},
+                        {"NoBreakSpaceSkippedBeforeWord", u"a \u00A0\u3000lol", true, 1},
+                        {"ManyWords", u"brb lol  brb   x lol", true, 4},
+                        {"ManyWordsAll", u"brb lol  brb   x lol", false, 5},
+                        {"SurrogatesInWords", u"\U0001F600 lol \U0001F600", false, 3}};
   const WordSet set = {u"lol", u"brb"};
-  auto m = Message(Participant(u"AIM", u"bob"), c.text);
-  EXPECT_EQ(m->wordCountInSet(c.withSet ? &set : nullptr), c.expected);
+  for (const Case& c : cases) {
+    auto m = Message(Participant(u"AIM", u"bob"), c.text);
+    EXPECT_EQ(m->wordCountInSet(c.withSet ? &set : nullptr), c.expected) << c.label;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Scanner, WordCount,
-    ::testing::Values(
-        // After the first word the scanner skips the second space; then only
-        // a space ends a word, so "lol\nlol" is one word.
-        WordCase{"LineFeedDoesNotSplitInSet", u"lol  lol\nlol", true, 1},
-        WordCase{"LineFeedDoesNotSplitAll", u"lol  lol\nlol", false, 2},
-        WordCase{"OnlySpaces", u"     ", false, 0}, WordCase{"Empty", u"", false, 0},
-        WordCase{"OnlyLineEnds", u"\n\r\n\t\u2028\u0085", false, 0},
-        WordCase{"LeadingWhiteSpaceSkipped", u"\n\t lol", true, 1},
-        WordCase{"TrailingSpaceEndsCleanly", u"lol ", true, 1},
-        WordCase{"TrailingLineFeedStaysInWord", u"lol\n", true, 0},
-        WordCase{"TabBeforeSpaceStaysInWord", u"lol\t lol", true, 1},
-        WordCase{"PunctuationKept", u"lol, lol! lol", true, 1},
-        WordCase{"CaseKept", u"LOL Lol lol", true, 1},
-        WordCase{"NoBreakSpaceJoins", u"lol\u00A0lol", false, 1},
-        WordCase{"NoBreakSpaceSkippedBeforeWord", u"a \u00A0\u3000lol", true, 1},
-        WordCase{"ManyWords", u"brb lol  brb   x lol", true, 4},
-        WordCase{"ManyWordsAll", u"brb lol  brb   x lol", false, 5},
-        WordCase{"SurrogatesInWords", u"\U0001F600 lol \U0001F600", false, 3}),
-    [](const auto& info) { return std::string(info.param.label); });
 
 TEST(WordCount, NothingWithoutSpeakerOrText) {
   EXPECT_EQ(Message(nullptr, u"lol lol")->wordCountInSet(nullptr), 0);
@@ -116,16 +106,6 @@ struct Span {
   int value;  // -1: no attributes; -2: attributes without the key; else index into the pool
 };
 
-struct LinkCase {
-  const char* label;
-  std::vector<Span> spans;
-  std::vector<std::u16string> expected;
-};
-
-void PrintTo(const LinkCase& c, std::ostream* os) {
-  *os << c.label;
-}
-
 std::vector<ObjectPtr> LinkPool() {
   auto base = std::make_shared<URL>();
   base->relative = u"http://example.org/dir/";
@@ -157,40 +137,39 @@ std::shared_ptr<AttributedString> Build(const std::vector<Span>& spans,
   return s;
 }
 
-class AllURLs : public ::testing::TestWithParam<LinkCase> {};
-
-TEST_P(AllURLs, WalkByIdentity) {
-  const LinkCase& c = GetParam();
+TEST(AllURLs, WalkByIdentity) {
+  struct Case {
+    const char* label;
+    std::vector<Span> spans;
+    std::vector<std::u16string> expected;
+  };
+  const Case cases[] = {
+      {"NoLinks", {{5, -1}, {3, -2}}, {}},
+      {"OneLinkOverTenCharacters", {{2, -1}, {10, 0}, {2, -1}}, {u"http://a.example/"}},
+      {"URLObjectByAbsoluteString", {{4, 2}}, {u"http://example.com/"}},
+      {"RelativeURLResolved", {{4, 3}}, {u"http://example.org/dir/page.html"}},
+      {"SameObjectAcrossPlainTextOnce", {{3, 0}, {4, -1}, {2, -2}, {3, 0}}, {u"http://a.example/"}},
+      {"EqualButDistinctObjectsTwice",
+       {{3, 0}, {1, -1}, {3, 1}},
+       {u"http://a.example/", u"http://a.example/"}},
+      {"ReturnToEarlierObject",
+       {{3, 0}, {3, 5}, {3, 0}},
+       {u"http://a.example/", u"mailto:b@example", u"http://a.example/"}},
+      {"OtherKindSkippedButRemembered",
+       {{3, 0}, {3, 4}, {3, 0}, {3, 4}, {3, 2}},
+       {u"http://a.example/", u"http://a.example/", u"http://example.com/"}},
+      {"EmptyRunsIgnored", {{0, 5}, {3, 0}, {0, 5}, {3, 0}}, {u"http://a.example/"}}};
   auto pool = LinkPool();
-  auto m = Message(Participant(u"Jabber", u"Bob"), Build(c.spans, pool, kLinkAttribute), Date{5});
-  auto entry = m->allURLs();
-  ASSERT_TRUE(entry);
-  EXPECT_EQ(entry->speaker, u"Bob");
-  EXPECT_EQ(entry->time, Date{5});
-  EXPECT_EQ(entry->urls, c.expected);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    auto m = Message(Participant(u"Jabber", u"Bob"), Build(c.spans, pool, kLinkAttribute), Date{5});
+    auto entry = m->allURLs();
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(entry->speaker, u"Bob");
+    EXPECT_EQ(entry->time, Date{5});
+    EXPECT_EQ(entry->urls, c.expected);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Links, AllURLs,
-    ::testing::Values(
-        LinkCase{"NoLinks", {{5, -1}, {3, -2}}, {}},
-        LinkCase{"OneLinkOverTenCharacters", {{2, -1}, {10, 0}, {2, -1}}, {u"http://a.example/"}},
-        LinkCase{"URLObjectByAbsoluteString", {{4, 2}}, {u"http://example.com/"}},
-        LinkCase{"RelativeURLResolved", {{4, 3}}, {u"http://example.org/dir/page.html"}},
-        LinkCase{"SameObjectAcrossPlainTextOnce",
-                 {{3, 0}, {4, -1}, {2, -2}, {3, 0}},
-                 {u"http://a.example/"}},
-        LinkCase{"EqualButDistinctObjectsTwice",
-                 {{3, 0}, {1, -1}, {3, 1}},
-                 {u"http://a.example/", u"http://a.example/"}},
-        LinkCase{"ReturnToEarlierObject",
-                 {{3, 0}, {3, 5}, {3, 0}},
-                 {u"http://a.example/", u"mailto:b@example", u"http://a.example/"}},
-        LinkCase{"OtherKindSkippedButRemembered",
-                 {{3, 0}, {3, 4}, {3, 0}, {3, 4}, {3, 2}},
-                 {u"http://a.example/", u"http://a.example/", u"http://example.com/"}},
-        LinkCase{"EmptyRunsIgnored", {{0, 5}, {3, 0}, {0, 5}, {3, 0}}, {u"http://a.example/"}}),
-    [](const auto& info) { return std::string(info.param.label); });
 
 TEST(AllURLsAndImages, EmptyDictionaryForStatusOrNamelessSender) {
   auto pool = LinkPool();

@@ -1,0 +1,77 @@
+// Every subcommand's help and argument errors: exit status, which stream the
+// text goes to, and that a failed run writes nothing.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/testing/temp_home.h"
+#include "tool/tests/run_tool.h"
+
+namespace gab {
+namespace {
+
+TEST(Arguments, HelpAndErrors) {
+  struct Case {
+    std::vector<std::string> args;  // "@" stands for the temporary home
+    int status;
+    const char* text;  // help: the start of stdout; errors: held by stderr
+  };
+  const Case cases[] = {
+      {{"convert", "--help"}, 0, "usage: gabfolio convert FILE --to text|html [-o OUT]\n"},
+      {{"convert"}, 2, "no FILE given"},
+      {{"convert", "a.chat"}, 2, "--to text or --to html is required"},
+      {{"convert", "a.chat", "--to", "pdf"}, 2, "unknown format pdf"},
+      {{"convert", "a.chat", "--to"}, 2, "--to needs a value"},
+      {{"convert", "a.chat", "--to", "text", "--to=html"}, 2, "twice"},
+      {{"convert", "a.chat", "b.chat", "--to", "text"}, 2, "one FILE"},
+      {{"convert", "a.chat", "--to", "text", "-v"}, 2, "unknown option"},
+      {{"convert", "a.chat", "--to", "text", "-o", ""}, 2, "-o needs"},
+      {{"convert", "@/Nobody on 2005.chat", "--to", "text"}, 1, "Nobody"},
+      {{"convert", "@/Anna on 2005.ichat", "--to", "html", "-o", "@/out.html"},
+       1,
+       "iChat 3 archive"},
+      {{"convert", "--to", "text", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},
+      {{"dump", "--help"}, 0, "usage: gabfolio dump FILE\n"},
+      {{"dump"}, 2, "usage: gabfolio dump FILE"},
+      {{"dump", "a.chat", "b.chat"}, 2, "usage:"},
+      {{"dump", "-v"}, 2, "usage:"},
+      {{"dump", "@/Nobody on 2005.chat"}, 1, "cannot read the file"},
+      {{"dump", "@/dir on 2005.chat"}, 1, "cannot read the file"},
+      {{"dump", "@/Anna on 2005.CHAT"}, 1, "extension"},
+      {{"dump", "@/Anna on 2005.ichat"}, 1, "iChat 3 archive"},
+      {{"dump", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},
+      {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
+      {{"view", "--port", "http"}, 2, "bad port"},
+      {{"view", "--port", "70000"}, 2, "bad port"},
+      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
+      {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
+      {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
+      {{"status", "--help"}, 0, "usage: gabfolio status"},
+      {{"status", "extra"}, 2, "usage: gabfolio status"},
+      {{"defaults", "--help"}, 0, "usage: gabfolio defaults"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    testing::TempHome home;
+    home.Write("Anna on 2005.ichat", "not an archive");
+    home.Write("Anna on 2005.chat", "");
+    home.Write("Anna on 2005.CHAT", "whatever");
+    home.Write("dir on 2005.chat/file", "x");
+    std::vector<std::string> args;
+    for (const auto& a : c.args)
+      args.push_back(!a.empty() && a[0] == '@' ? home.path() + a.substr(1) : a);
+    auto run = testing::RunTool(args);
+    EXPECT_EQ(run.status, c.status) << run.err;
+    if (c.status == 0) {
+      EXPECT_EQ(run.out.rfind(c.text, 0), 0u) << run.out;
+      EXPECT_EQ(run.err, "");
+    } else {
+      EXPECT_NE(run.err.find(c.text), std::string::npos) << run.err;
+      EXPECT_EQ(run.out, "");
+    }
+    EXPECT_FALSE(std::filesystem::exists(home.path() + "/out.html"));
+  }
+}
+
+}  // namespace
+}  // namespace gab

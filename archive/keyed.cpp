@@ -12,6 +12,7 @@
 
 #include "archive/bplist_check.h"
 #include "archive/builtin_classes.h"
+#include "archive/decode_guard.h"
 #include "archive/serialized_wrapper.h"
 #include "platform/plist.h"
 #include "platform/text.h"
@@ -570,26 +571,12 @@ int32_t KeyedCoder::DecodeInt32ForKey(std::string_view key) {
   return static_cast<int32_t>(*v);
 }
 
-template <class F>
-std::string Guarded(F&& f) {
-  try {
-    f();
-    return {};
-  } catch (const DecodeError& e) {
-    return std::string("keyed archive: ") + e.what();
-  } catch (const std::bad_alloc&) {
-    return "keyed archive: out of memory";
-  } catch (const std::length_error&) {
-    return "keyed archive: out of memory";
-  }
-}
-
 }  // namespace
 
 DecodeResult DecodeKeyedArchive(std::string_view bytes, const ClassSubstitutions& classes,
                                 std::string_view topKey) {
   DecodeResult result;
-  result.error = Guarded([&] {
+  result.error = archive_detail::Guarded<DecodeError>("keyed archive", [&] {
     if (bytes.size() > std::numeric_limits<uint32_t>::max()) Fail("file too large");
     if (bytes.starts_with("bplist")) {
       if (std::string err = CheckBinaryPlist(bytes); !err.empty()) Fail(err);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "archive/builtin_classes.h"
+#include "archive/decode_guard.h"
 #include "archive/serialized_wrapper.h"
 #include "platform/text.h"
 
@@ -849,25 +850,11 @@ std::optional<uint32_t> SequentialCoder::DecodeUnsigned32() {
   }
 }
 
-template <class F>
-std::string Guarded(F&& f) {
-  try {
-    f();
-    return {};
-  } catch (const DecodeError& e) {
-    return std::string("typedstream: ") + e.what();
-  } catch (const std::bad_alloc&) {
-    return "typedstream: out of memory";
-  } catch (const std::length_error&) {
-    return "typedstream: out of memory";
-  }
-}
-
 }  // namespace
 
 DecodeResult DecodeTypedstream(std::string_view bytes, const ClassSubstitutions& classes) {
   DecodeResult result;
-  result.error = Guarded([&] {
+  result.error = archive_detail::Guarded<DecodeError>("typedstream", [&] {
     Reader r(bytes, classes);
     r.ReadHeader();
     result.root = r.ReadRoot();
@@ -879,7 +866,7 @@ DecodeResult DecodeTypedstream(std::string_view bytes, const ClassSubstitutions&
 TypedstreamValues DecodeTypedstreamValues(std::string_view bytes,
                                           const ClassSubstitutions& classes) {
   TypedstreamValues result;
-  result.error = Guarded([&] {
+  result.error = archive_detail::Guarded<DecodeError>("typedstream", [&] {
     Reader r(bytes, classes);
     r.ReadHeader();
     while (!r.AtEnd()) r.ReadTopGroup(result.values);

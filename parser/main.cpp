@@ -16,6 +16,7 @@
 #include <string>
 
 #include "parser/quick_check.h"
+#include "parser/usage.h"
 #include "platform/home.h"
 #include "platform/log.h"
 
@@ -40,12 +41,7 @@ std::string WorkerPath() {
 int main(int argc, char** argv) {
   using namespace gab;
   if (argc > 1 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::printf(
-        "usage: gabfolio-parser [PATH]\n\n"
-        "Brings the Gabfolio library up to date with ~/Documents/iChats: new and\n"
-        "changed transcripts are mailed (when \"sendEmails\" is on), their links and\n"
-        "images gathered and their words counted.  The agent runs it with its own\n"
-        "path as the only argument; it can be run by hand the same way.\n");
+    std::fputs(parser::kUsage, stdout);
     return 0;
   }
   const std::string data = DataFolder();

@@ -12,6 +12,7 @@
 #include "parser/library_adapter.h"
 #include "parser/processor.h"
 #include "parser/run_lock.h"
+#include "parser/usage.h"
 #include "platform/home.h"
 #include "platform/log.h"
 #include "platform/preferences.h"
@@ -34,12 +35,7 @@ int64_t RetryDelay() {
 int main(int argc, char** argv) {
   using namespace gab;
   if (argc > 1 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::printf(
-        "usage: gabfolio-parser [PATH]\n\n"
-        "Brings the Gabfolio library up to date with ~/Documents/iChats: new and\n"
-        "changed transcripts are mailed (when \"sendEmails\" is on), their links and\n"
-        "images gathered and their words counted.  The agent runs it with its own\n"
-        "path as the only argument; it can be run by hand the same way.\n");
+    std::fputs(parser::kUsage, stdout);
     return 0;
   }
   keepRunning = 1;

@@ -16,6 +16,7 @@
 #include "platform/home.h"
 #include "platform/log.h"
 #include "platform/preferences.h"
+#include "platform/report_error.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
@@ -24,7 +25,6 @@ namespace {
 
 // The "error chances" are used up when emailFails is above this.
 constexpr int kErrorChances = 2;
-constexpr int kTimeoutCode = 4;
 
 int PidfdOpen(pid_t pid) {
   return int(::syscall(SYS_pidfd_open, pid, 0));
@@ -88,7 +88,7 @@ void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
       else if (result == 0)
         ::kill(pid, SIGKILL);
       NSLog("Log processing timed out after " + std::to_string(cycleLimit) + " seconds.");
-      ICLPChatLog::reportError(kTimeoutCode, u"timeout");
+      reportError(ErrorCode::kInternal, u"timeout");
       // Collect the killed child if it is gone already, so no zombie lingers.
       if (result == 0) {
         WaitOneCycle(pidfd);
@@ -112,7 +112,7 @@ bool ApplyErrorGate(GatePoint point) {
   int32_t errorStatus = prefs.Int("errorStatus");
   int32_t emailFails = prefs.Int("emailFails");
   bool chancesUsedUp = emailFails > kErrorChances;
-  if (errorStatus == kTimeoutCode) {
+  if (errorStatus == static_cast<int32_t>(ErrorCode::kInternal)) {
     if (chancesUsedUp) return false;
     StoreErrorStatusZero(prefs);
     return true;
@@ -145,8 +145,8 @@ void ExtractChatLogs(int cycleLimit) {
     if (!keepRunning) return;
   }
 
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateLinkFiles(nullptr);
+  GenerateImageFiles(nullptr);
 
   if (!ApplyErrorGate(GatePoint::kFinish)) return;
   NSLog("*****FINISH***** All logs scanned.");

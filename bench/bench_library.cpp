@@ -107,7 +107,7 @@ BenchHome& QuarterHome() {
 void BM_RegenerateLinkPages(benchmark::State& state) {
   BenchHome& home = state.range(0) == kLinks ? Home() : QuarterHome();
   setenv("HOME", home.home.c_str(), 1);
-  for (auto _ : state) ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  for (auto _ : state) GenerateLinkFiles(nullptr);
   state.SetItemsProcessed(state.iterations() * state.range(0));
   setenv("HOME", Home().home.c_str(), 1);
 }
@@ -120,7 +120,7 @@ BENCHMARK(BM_RegenerateLinkPages)
 
 void BM_RegenerateGallery(benchmark::State& state) {
   Home();
-  for (auto _ : state) ICLPLogGenerator::GenerateImageFiles(nullptr);
+  for (auto _ : state) GenerateImageFiles(nullptr);
   state.SetItemsProcessed(state.iterations() * kImages);
 }
 BENCHMARK(BM_RegenerateGallery)
@@ -145,7 +145,7 @@ void BM_MergeChatIntoLinkStore(benchmark::State& state) {
     state.PauseTiming();
     WriteFileAtomically(home.data + "/gatheredURLs.plist", home.links);
     state.ResumeTiming();
-    ICLPLogGenerator::GenerateLinkFiles(chat.get());
+    GenerateLinkFiles(chat.get());
   }
 }
 BENCHMARK(BM_MergeChatIntoLinkStore)->Unit(benchmark::kMillisecond)->UseRealTime();

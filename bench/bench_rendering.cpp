@@ -30,7 +30,7 @@ void BM_HTMLChatLog(benchmark::State& state) {
   auto log = LongTranscript(int(state.range(0)));
   size_t bytes = 0;
   for (auto _ : state) {
-    std::string html = log->HTMLChatLog();
+    std::string html = HTMLChatLog(*log);
     bytes = html.size();
     benchmark::DoNotOptimize(html);
   }
@@ -42,7 +42,7 @@ BENCHMARK(BM_HTMLChatLog)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)-
 // For the record: the literal algorithm on the same text (quadratic).
 void BM_HTMLLiteralInsertion(benchmark::State& state) {
   auto log = LongTranscript(int(state.range(0)));
-  AttributedString rich = log->RichChatLog();
+  AttributedString rich = RichChatLog(*log);
   for (auto _ : state) benchmark::DoNotOptimize(testing::LiteralHTMLDocument(rich));
   state.counters["messages"] = double(state.range(0));
 }
@@ -55,7 +55,7 @@ BENCHMARK(BM_HTMLLiteralInsertion)
 
 void BM_PlainChatLog(benchmark::State& state) {
   auto log = LongTranscript(int(state.range(0)));
-  for (auto _ : state) benchmark::DoNotOptimize(log->PlainChatLog());
+  for (auto _ : state) benchmark::DoNotOptimize(PlainChatLog(*log));
   state.counters["messages"] = double(state.range(0));
 }
 BENCHMARK(BM_PlainChatLog)->Arg(10000)->Unit(benchmark::kMillisecond)->Repetitions(3);

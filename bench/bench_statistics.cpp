@@ -52,7 +52,7 @@ void BM_UpdateStatistics(benchmark::State& state) {
   for (const char* f : {"statstemplate.html", "curses.plist", "netspeak.plist"})
     std::filesystem::copy_file(std::string(GABFOLIO_SOURCE_DIR "/data/") + f, folder + "/" + f);
   auto chat = LongChat(200);
-  for (auto _ : state) ICLPLogGenerator::UpdateStatistics(chat.get());
+  for (auto _ : state) UpdateStatistics(chat.get());
 }
 BENCHMARK(BM_UpdateStatistics)->Unit(benchmark::kMillisecond);
 

@@ -135,8 +135,15 @@ bool CWSMTP::isEncrypted() const {
   return connection_ && connection_->secure;
 }
 
-int CWSMTP::connect() {
-  if (state_ != State::kIdle || name_.empty() || port_ <= 0 || port_ > 65535) return -1;
+bool CWSMTP::connect(std::string* err) {
+  auto fail = [err](std::string why) {
+    if (err) *err = std::move(why);
+    return false;
+  };
+  if (state_ != State::kIdle) return fail("a transfer is under way already");
+  if (name_.empty()) return fail("no mail server is set");
+  if (port_ <= 0 || port_ > 65535)
+    return fail("the port " + std::to_string(port_) + " is not valid");
   auto connection = std::make_unique<Connection>();
   try {
     Poco::Net::SocketAddress address(name_, static_cast<Poco::UInt16>(port_));
@@ -149,16 +156,16 @@ int CWSMTP::connect() {
     // stops answering later: the transfer ends with a time-out.
     state_ = State::kDone;
     Notify(&Delegate::connectionTimedOut);
-    return 0;
-  } catch (const Poco::Exception&) {
-    return -1;
-  } catch (const std::exception&) {
-    return -1;
+    return true;
+  } catch (const Poco::Exception& e) {
+    return fail(e.displayText());
+  } catch (const std::exception& e) {
+    return fail(e.what());
   }
   connection_ = std::move(connection);
   state_ = State::kConnected;
   loop_->Post([this] { Handshake(); }, this);
-  return 0;
+  return true;
 }
 
 void CWSMTP::Notify(std::function<void()> Delegate::*callback) {

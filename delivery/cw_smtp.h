@@ -45,9 +45,9 @@ class CWSMTP {
   void setMessage(CWMessage message) { message_ = std::move(message); }
   const std::optional<CWMessage>& message() const { return message_; }
 
-  // Opens the connection: 0 on success (the greeting is read on the run
-  // loop), non-zero when the server cannot be reached.
-  int connect();
+  // Opens the connection (the greeting is read on the run loop); false with
+  // the reason in `err` when the server cannot be reached.
+  bool connect(std::string* err = nullptr);
   // Only the "LOGIN" mechanism is known; any other fails.
   void authenticate(std::string_view username, std::string_view password,
                     std::string_view mechanism);

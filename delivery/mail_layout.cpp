@@ -1,5 +1,10 @@
-#include "delivery/transcript_mail.h"
+#include "delivery/mail_layout.h"
+
+#include "delivery/rendering.h"
+#include "platform/dates.h"
 #include "platform/preferences.h"
+#include "platform/text.h"
+#include "transcript/chat_log.h"
 
 namespace gab {
 
@@ -36,6 +41,25 @@ std::unique_ptr<CWSMTP> SMTPClientFor(CWMessage message) {
       std::make_unique<CWSMTP>(prefs.String("emailServer").value_or(""), prefs.Int("emailPort"));
   smtp->setMessage(std::move(message));
   return smtp;
+}
+
+std::u16string subjectForEmail(const ICLPChatLog& transcript) {
+  auto& prefs = Preferences::Shared();
+  bool unique = prefs.Bool("forceUniqueSubjects");
+  int64_t number = prefs.Int("subjectNumber");
+  const std::u16string& party = transcript.primaryOtherParty();
+  if (!unique) return u"[IM] " + party;
+  // The counter only keeps count; the date and time make the subject unique.
+  prefs.SetAppValue("subjectNumber", PrefValue(number + 1));
+  prefs.AppSynchronize();
+  return u"[IM] " + party + u" (" + ToUtf16(FormatDate(Date::Now(), "%c")) + u")";
+}
+
+CWMessage TranscriptMail(const ICLPChatLog& transcript) {
+  auto& prefs = Preferences::Shared();
+  std::u16string subject = subjectForEmail(transcript);
+  return BuildMail(subject, prefs.String("emailOutgoing"), prefs.String("emailAddress"),
+                   PlainChatLog(transcript), HTMLChatLog(transcript));
 }
 
 }  // namespace gab

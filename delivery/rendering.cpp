@@ -5,19 +5,19 @@
 
 namespace gab {
 
-std::u16string ICLPChatLog::PlainChatLog() const {
+std::u16string PlainChatLog(const ICLPChatLog& transcript) {
   // The header line has no line break of its own: the first message follows
   // on the same line, as it always has.
   std::u16string out = u"Sent by Gabfolio ( " + std::u16string(kProductWebPage) + u" )";
-  for (const auto& message : messages_)
+  for (const auto& message : transcript.Messages())
     if (message && !message->isStatusMessage()) out += message->PlainString();
   return out;
 }
 
-AttributedString ICLPChatLog::RichChatLog() const {
+AttributedString RichChatLog(const ICLPChatLog& transcript) {
   AttributedString rich;
   rich.mutable_ = true;
-  for (const auto& message : messages_) {
+  for (const auto& message : transcript.Messages()) {
     if (!message || message->isStatusMessage()) continue;
     rich.Append(message->LoggedString());
     rich.Append(u"<br>\n", nullptr);
@@ -28,8 +28,8 @@ AttributedString ICLPChatLog::RichChatLog() const {
   return rich;
 }
 
-std::string ICLPChatLog::HTMLChatLog() const {
-  return ToUtf8(rendering::HTMLDocument(RichChatLog()));
+std::string HTMLChatLog(const ICLPChatLog& transcript) {
+  return ToUtf8(rendering::HTMLDocument(RichChatLog(transcript)));
 }
 
 }  // namespace gab

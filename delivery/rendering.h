@@ -1,7 +1,6 @@
 #pragma once
-// Building blocks of the transcript renderings, in html_document.cpp (the
-// ICLPChatLog operations PlainChatLog, RichChatLog and HTMLChatLog live in
-// rendering.cpp).
+// The three renderings of a transcript (rendering.cpp) and their building
+// blocks (html_document.cpp).
 
 #include <cstdint>
 #include <optional>
@@ -11,8 +10,17 @@
 #include <vector>
 
 #include "archive/object.h"
+#include "transcript/chat_log.h"
 
 namespace gab {
+
+// The transcript as plain text: a header, then every non-status message.
+std::u16string PlainChatLog(const ICLPChatLog& transcript);
+// The transcript as styled text, each message followed by "<br>\n", with
+// the product's footer.
+AttributedString RichChatLog(const ICLPChatLog& transcript);
+// RichChatLog as an HTML document, UTF-8.
+std::string HTMLChatLog(const ICLPChatLog& transcript);
 
 // The product's web page, named in every rendering's header or footer.
 inline constexpr std::u16string_view kProductWebPage = u"https://gabfolio.example.org/";

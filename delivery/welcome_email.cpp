@@ -3,11 +3,11 @@
 #include <string>
 
 #include "delivery/cw_smtp.h"
+#include "delivery/mail_layout.h"
+#include "delivery/mail_session.h"
 #include "delivery/rendering.h"
-#include "delivery/transcript_mail.h"
 #include "platform/preferences.h"
 #include "platform/text.h"
-#include "transcript/chat_log.h"
 
 namespace gab {
 
@@ -81,13 +81,12 @@ void SendWelcomingEmail() {
   std::optional<std::string> server = prefs.String("emailServer");
   int port = prefs.Int("emailPort");
 
-  // An empty transcript serves only as the sending object.
-  ICLPChatLog sender;
+  MailSession session;
   CWMessage message =
       BuildMail(u"[IM] Welcome to Gabfolio!", from, to, kWelcomePlain, WelcomeHTML());
   CWSMTP smtp(server.value_or(""), port);
   smtp.setMessage(std::move(message));
-  sender.HandleEmailSending(smtp);
+  session.HandleEmailSending(smtp);
 }
 
 }  // namespace gab

@@ -2,6 +2,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "library/gathering.h"
 #include "library/log_generator.h"
 #include "library/page_text.h"
 #include "library/stores.h"
@@ -24,7 +25,7 @@ std::string SectionOpening(std::string_view label) {
 }
 
 std::string Cell(const ImageItem& image) {
-  std::string file = ToUtf8(ICLPLogGenerator::stringWithFunkyURLStuffInserted(image.filename));
+  std::string file = ToUtf8(stringWithFunkyURLStuffInserted(image.filename));
   std::string cell = "<td><a href=\"" + file + "\" target=\"_blank\"><img src=\"";
   if (PathExtension(image.filename) == u"pdf") {
     cell += "Images/pdf.png\"/>";
@@ -60,8 +61,7 @@ void BuildGallery(const std::vector<SpeakerImages>& speakers) {
   std::vector<std::string> names(speakers.size()), hrefs(speakers.size());
   for (size_t i = 0; i < speakers.size(); ++i) {
     names[i] = ToUtf8(speakers[i].speaker);
-    hrefs[i] = ToUtf8(ICLPLogGenerator::stringWithFunkyURLStuffInserted(speakers[i].speaker)) +
-               "-images.html";
+    hrefs[i] = ToUtf8(stringWithFunkyURLStuffInserted(speakers[i].speaker)) + "-images.html";
   }
   auto navigation = [&](size_t active) {
     std::string nav;
@@ -134,10 +134,10 @@ void BuildGallery(const std::vector<SpeakerImages>& speakers) {
 
 }  // namespace
 
-void ICLPLogGenerator::GenerateImageFiles(const ICLPChatLog* transcript) {
+void GenerateImageFiles(const ICLPChatLog* transcript) {
   PlistPtr store = LoadStore(ImageStorePath());
   if (transcript && store) {
-    MergeImageEntries(store.get(), transcript->GatheredImages());
+    MergeImageEntries(store.get(), GatheredImages(*transcript));
     SortEveryList(store.get(), "filenames");
     std::string xml = PlistToXml(store.get());
     if (!xml.empty()) WriteStoreIntoDataFolder(kImageStoreName, xml);  // not checked

@@ -1,21 +1,21 @@
-#include "transcript/chat_log.h"
+#include "library/gathering.h"
 
 namespace gab {
 
-std::vector<LinkEntry> ICLPChatLog::GatheredURLs() const {
+std::vector<LinkEntry> GatheredURLs(const ICLPChatLog& transcript) {
   std::vector<LinkEntry> entries;
   entries.reserve(10);
-  for (const auto& message : messages_) {
+  for (const auto& message : transcript.Messages()) {
     if (!message || message->isStatusMessage()) continue;
     if (auto entry = message->allURLs()) entries.push_back(std::move(*entry));
   }
   return entries;
 }
 
-std::vector<ImageEntry> ICLPChatLog::GatheredImages() const {
+std::vector<ImageEntry> GatheredImages(const ICLPChatLog& transcript) {
   std::vector<ImageEntry> entries;
   entries.reserve(10);
-  for (const auto& message : messages_) {
+  for (const auto& message : transcript.Messages()) {
     if (!message || message->isStatusMessage()) continue;
     if (auto entry = message->allImages()) entries.push_back(std::move(*entry));
   }

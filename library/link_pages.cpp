@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "library/gathering.h"
 #include "library/log_generator.h"
 #include "library/page_text.h"
 #include "library/stores.h"
 #include "platform/data_folder.h"
 #include "platform/log.h"
+#include "platform/report_error.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
 
@@ -25,7 +27,7 @@ void AppendLinkItem(std::string& out, const LinkItem& link, std::string_view spe
   out += "<li><span><a href=\"";
   out += ToUtf8(link.url);
   out += "\" target=\"_blank\">";
-  out += ToUtf8(ICLPLogGenerator::CompressedLinkForList(link.url));
+  out += ToUtf8(CompressedLinkForList(link.url));
   out += "</a> -- ";
   out += speaker;
   out += ", ";
@@ -39,17 +41,17 @@ bool MergeAndSave(const ICLPChatLog& transcript, plist_t store) {
   std::string path = LinkStorePath();
   auto writeFailed = [&] {
     NSLog("Link file failed to write to path: " + path);
-    ICLPChatLog::reportError(1, u"permissions");
+    reportError(ErrorCode::kFileSystem, u"permissions");
     return false;
   };
   // A store that did not parse is left as it is; saving "nothing" fails.
   if (!store) return writeFailed();
-  MergeLinkEntries(store, transcript.GatheredURLs());
+  MergeLinkEntries(store, GatheredURLs(transcript));
   SortEveryList(store, "urls");
   std::string xml = PlistToXml(store);
   if (xml.empty()) {
     NSLog("Error while serializing link database: the store has no XML form");
-    ICLPChatLog::reportError(4, u"corrupt cache");
+    reportError(ErrorCode::kInternal, u"corrupt cache");
     return false;
   }
   if (!WriteStoreIntoDataFolder(kLinkStoreName, xml)) return writeFailed();
@@ -68,8 +70,7 @@ void BuildLinkPages(const std::vector<SpeakerLinks>& speakers) {
   std::vector<std::string> names(speakers.size()), hrefs(speakers.size());
   for (size_t i = 0; i < speakers.size(); ++i) {
     names[i] = ToUtf8(speakers[i].speaker);
-    hrefs[i] =
-        ToUtf8(ICLPLogGenerator::stringWithFunkyURLStuffInserted(speakers[i].speaker)) + ".html";
+    hrefs[i] = ToUtf8(stringWithFunkyURLStuffInserted(speakers[i].speaker)) + ".html";
   }
   auto navigation = [&](size_t active) {
     std::string nav;
@@ -134,7 +135,7 @@ void BuildLinkPages(const std::vector<SpeakerLinks>& speakers) {
 
 }  // namespace
 
-std::u16string ICLPLogGenerator::CompressedLinkForList(std::u16string_view link) {
+std::u16string CompressedLinkForList(std::u16string_view link) {
   if (link.size() <= 40) return std::u16string(link);
   std::u16string out(link.substr(0, 20));
   out += u" . . . ";
@@ -142,7 +143,7 @@ std::u16string ICLPLogGenerator::CompressedLinkForList(std::u16string_view link)
   return out;
 }
 
-std::u16string ICLPLogGenerator::stringWithFunkyURLStuffInserted(std::u16string_view text) {
+std::u16string stringWithFunkyURLStuffInserted(std::u16string_view text) {
   std::u16string out;
   out.reserve(text.size() * 3);
   for (char16_t c : text) {
@@ -163,7 +164,7 @@ std::u16string ICLPLogGenerator::stringWithFunkyURLStuffInserted(std::u16string_
   return out;
 }
 
-void ICLPLogGenerator::GenerateLinkFiles(const ICLPChatLog* transcript) {
+void GenerateLinkFiles(const ICLPChatLog* transcript) {
   PlistPtr store = LoadStore(LinkStorePath());
   if (transcript) {
     if (!MergeAndSave(*transcript, store.get())) return;

@@ -1,5 +1,7 @@
 #pragma once
-#include <plist/plist.h>
+// The library of ~/Library/Gabfolio: the links pages, the image gallery and
+// the statistics page.  A null transcript rebuilds the pages from the stores
+// as they are.
 
 #include <string>
 #include <string_view>
@@ -8,22 +10,20 @@ namespace gab {
 
 class ICLPChatLog;
 
-// The library pages and statistics of ~/Library/Gabfolio.  A null transcript
-// rebuilds the pages from the stores as they are.
-class ICLPLogGenerator {
- public:
-  // library/link_pages.cpp
-  static void GenerateLinkFiles(const ICLPChatLog* transcript);
-  static std::u16string CompressedLinkForList(std::u16string_view link);
-  static std::u16string stringWithFunkyURLStuffInserted(std::u16string_view text);
-  // library/stores.cpp: a speaker's "urls" / "filenames" array in a store
-  // root (a libplist array), or null.
-  static plist_t FindSpeakerArray(std::u16string_view speaker, plist_t store);
-  static plist_t FindImagesArray(std::u16string_view speaker, plist_t store);
-  // library/gallery.cpp
-  static void GenerateImageFiles(const ICLPChatLog* transcript);
-  // library/statistics.cpp
-  static void UpdateStatistics(const ICLPChatLog* transcript);
-};
+// Merges the transcript's links into the link store and rebuilds the links
+// pages (link_pages.cpp).
+void GenerateLinkFiles(const ICLPChatLog* transcript);
+// Merges the transcript's images into the image store, saves the images and
+// rebuilds the gallery (gallery.cpp).
+void GenerateImageFiles(const ICLPChatLog* transcript);
+// Adds the chat to the running statistics and rebuilds their page
+// (statistics.cpp).
+void UpdateStatistics(const ICLPChatLog* transcript);
+
+// A link as listed on a page: long ones shortened in the middle.
+std::u16string CompressedLinkForList(std::u16string_view link);
+// A name as it appears in a page's file name and links: every character but
+// letters and digits escaped as "%XX".
+std::u16string stringWithFunkyURLStuffInserted(std::u16string_view text);
 
 }  // namespace gab

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "library/gathering.h"
 #include "library/log_generator.h"
 #include "platform/data_folder.h"
 #include "platform/files.h"
@@ -103,7 +104,7 @@ std::string FillStatisticsTemplate(std::string page, const StatisticsTotals& t) 
   return page;
 }
 
-void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog* transcript) {
+void UpdateStatistics(const ICLPChatLog* transcript) {
   const std::string folder = DataFolder();
   const std::string storePath = folder + "/" + kStoreName;
   const Date now = Date::Now();
@@ -125,9 +126,9 @@ void ICLPLogGenerator::UpdateStatistics(const ICLPChatLog* transcript) {
     chat.otherCurses = words.otherCurses;
     chat.userSlang = words.userSlang;
     chat.otherSlang = words.otherSlang;
-    for (const ImageEntry& entry : transcript->GatheredImages())
+    for (const ImageEntry& entry : GatheredImages(*transcript))
       chat.images = Sum(chat.images, int32_t(entry.images.size()));
-    for (const LinkEntry& entry : transcript->GatheredURLs())
+    for (const LinkEntry& entry : GatheredURLs(*transcript))
       chat.links = Sum(chat.links, int32_t(entry.urls.size()));
     totals.end = transcript->LastMessageDate();  // none for a chat without messages
   } else {

@@ -1,7 +1,7 @@
 #pragma once
 // The running chat statistics of ~/Library/Gabfolio: the totals store
 // "talkpulse.plist", the word lists and the page made from
-// "statstemplate.html".  ICLPLogGenerator::UpdateStatistics drives these
+// "statstemplate.html".  UpdateStatistics drives these
 // pieces; they are separate so each can be checked on its own.
 
 #include <cstdint>

@@ -126,11 +126,11 @@ plist_t FindSpeakerList(std::u16string_view speaker, plist_t store, const char* 
   return found;
 }
 
-plist_t ICLPLogGenerator::FindSpeakerArray(std::u16string_view speaker, plist_t store) {
+plist_t FindSpeakerArray(std::u16string_view speaker, plist_t store) {
   return FindSpeakerList(speaker, store, "urls");
 }
 
-plist_t ICLPLogGenerator::FindImagesArray(std::u16string_view speaker, plist_t store) {
+plist_t FindImagesArray(std::u16string_view speaker, plist_t store) {
   return FindSpeakerList(speaker, store, "filenames");
 }
 

@@ -43,6 +43,10 @@ int compareImageDateString(std::u16string_view a, std::u16string_view b);
 // The store's speaker record lookup: the `listKey` array ("urls" or
 // "filenames") of the first record whose "speaker" equals `speaker`, or null.
 plist_t FindSpeakerList(std::u16string_view speaker, plist_t store, const char* listKey);
+// The speaker's "urls" array of the link store, "filenames" of the image
+// store.
+plist_t FindSpeakerArray(std::u16string_view speaker, plist_t store);
+plist_t FindImagesArray(std::u16string_view speaker, plist_t store);
 
 // Sorts the `listKey` array of every speaker record newest first (stable: equal
 // dates keep their order).

@@ -3,6 +3,7 @@
 // preferences ("bookmarkEntry", "imageEntry").
 #include <filesystem>
 
+#include "library/gathering.h"
 #include "library/object_format.h"
 #include "library/stores.h"
 #include "platform/data_folder.h"
@@ -11,7 +12,6 @@
 #include "platform/log.h"
 #include "platform/preferences.h"
 #include "platform/text.h"
-#include "transcript/chat_log.h"
 
 namespace gab {
 namespace {
@@ -43,9 +43,9 @@ std::optional<std::u16string> LineFormat(const char* key) {
 
 }  // namespace
 
-void ICLPChatLog::ExtendURLLog(const std::string& path) const {
+void ExtendURLLog(const ICLPChatLog& transcript, const std::string& path) {
   if (!InDataFolder(path)) return;
-  auto entries = GatheredURLs();
+  auto entries = GatheredURLs(transcript);
   auto text = ReadWholeFile(path);
   if (!text) return;
   auto format = LineFormat("bookmarkEntry");
@@ -59,9 +59,9 @@ void ICLPChatLog::ExtendURLLog(const std::string& path) const {
   WriteIntoDataFolder("", NameOf(path), *text);
 }
 
-void ICLPChatLog::ExtendImageLog(const std::string& path) const {
+void ExtendImageLog(const ICLPChatLog& transcript, const std::string& path) {
   if (!InDataFolder(path)) return;
-  auto entries = GatheredImages();
+  auto entries = GatheredImages(transcript);
   auto text = ReadWholeFile(path);
   auto format = LineFormat("imageEntry");
   for (const auto& entry : entries) {

@@ -26,9 +26,6 @@ class TranscriptLibrary : public Library {
   bool askedChatClient_ = false;
 };
 
-// Why a transcript does not load (the loader itself only logs it).
-std::string LoadFailureReason(const std::string& path);
-
 // The error-chances counter: "emailFails" + 1 after a failed mail, 0 after a
 // sent one, synchronised at once so that the agent sees it.
 void NoteMailOutcome(Preferences& prefs, bool sent);

@@ -12,9 +12,9 @@ namespace {
 
 constexpr const char* kDays[] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
                                  "Thursday", "Friday", "Saturday"};
-constexpr const char* kMonths[] = {"January", "February", "March",     "April",
-                                   "May",     "June",     "July",      "August",
-                                   "September", "October", "November", "December"};
+constexpr const char* kMonths[] = {"January",   "February", "March",    "April",
+                                   "May",       "June",     "July",     "August",
+                                   "September", "October",  "November", "December"};
 
 tm LocalTime(Date date) {
   // Fractional seconds are dropped toward minus infinity, as a clock shows them.
@@ -45,23 +45,57 @@ void Format(std::string& out, const tm& t, std::string_view f, DayPadding pad) {
     }
     char d = f[++i];
     switch (d) {
-      case 'a': out.append(kDays[t.tm_wday], 3); break;
-      case 'A': out += kDays[t.tm_wday]; break;
-      case 'b': out.append(kMonths[t.tm_mon], 3); break;
-      case 'B': out += kMonths[t.tm_mon]; break;
-      case 'c': Format(out, t, "%a %b %d %H:%M:%S %Z %Y", pad); break;
-      case 'd': Num(out, t.tm_mday, 2); break;
-      case 'e': Num(out, t.tm_mday, pad == DayPadding::kBlank ? 2 : 1, ' '); break;
-      case 'H': Num(out, t.tm_hour, 2); break;
-      case 'I': Num(out, t.tm_hour % 12 == 0 ? 12 : t.tm_hour % 12, 2); break;
-      case 'j': Num(out, t.tm_yday + 1, 3); break;
-      case 'm': Num(out, t.tm_mon + 1, 2); break;
-      case 'M': Num(out, t.tm_min, 2); break;
-      case 'p': out += t.tm_hour < 12 ? "AM" : "PM"; break;
-      case 'S': Num(out, t.tm_sec, 2); break;
-      case 'y': Num(out, (t.tm_year + 1900) % 100, 2); break;
-      case 'Y': Num(out, t.tm_year + 1900, 4); break;
-      case 'Z': out += t.tm_zone ? t.tm_zone : ""; break;
+      case 'a':
+        out.append(kDays[t.tm_wday], 3);
+        break;
+      case 'A':
+        out += kDays[t.tm_wday];
+        break;
+      case 'b':
+        out.append(kMonths[t.tm_mon], 3);
+        break;
+      case 'B':
+        out += kMonths[t.tm_mon];
+        break;
+      case 'c':
+        Format(out, t, "%a %b %d %H:%M:%S %Z %Y", pad);
+        break;
+      case 'd':
+        Num(out, t.tm_mday, 2);
+        break;
+      case 'e':
+        Num(out, t.tm_mday, pad == DayPadding::kBlank ? 2 : 1, ' ');
+        break;
+      case 'H':
+        Num(out, t.tm_hour, 2);
+        break;
+      case 'I':
+        Num(out, t.tm_hour % 12 == 0 ? 12 : t.tm_hour % 12, 2);
+        break;
+      case 'j':
+        Num(out, t.tm_yday + 1, 3);
+        break;
+      case 'm':
+        Num(out, t.tm_mon + 1, 2);
+        break;
+      case 'M':
+        Num(out, t.tm_min, 2);
+        break;
+      case 'p':
+        out += t.tm_hour < 12 ? "AM" : "PM";
+        break;
+      case 'S':
+        Num(out, t.tm_sec, 2);
+        break;
+      case 'y':
+        Num(out, (t.tm_year + 1900) % 100, 2);
+        break;
+      case 'Y':
+        Num(out, t.tm_year + 1900, 4);
+        break;
+      case 'Z':
+        out += t.tm_zone ? t.tm_zone : "";
+        break;
       case 'z': {
         long off = t.tm_gmtoff;
         out += off < 0 ? '-' : '+';
@@ -70,7 +104,9 @@ void Format(std::string& out, const tm& t, std::string_view f, DayPadding pad) {
         Num(out, int((off % 3600) / 60), 2);
         break;
       }
-      case '%': out += '%'; break;
+      case '%':
+        out += '%';
+        break;
       default:
         out += '%';
         out += d;
@@ -92,7 +128,9 @@ std::string FormatDate(Date date, std::string_view format, DayPadding pad) {
   return out;
 }
 
-std::string DefaultDescription(Date date) { return FormatDate(date, "%Y-%m-%d %H:%M:%S %z"); }
+std::string DefaultDescription(Date date) {
+  return FormatDate(date, "%Y-%m-%d %H:%M:%S %z");
+}
 
 std::optional<Date> ParseMonthYear(std::string_view text) {
   size_t space = text.rfind(' ');
@@ -116,7 +154,9 @@ std::optional<Date> ParseMonthYear(std::string_view text) {
   return Date::FromUnix(double(unix));
 }
 
-int LocalMonth(Date date) { return LocalTime(date).tm_mon + 1; }
+int LocalMonth(Date date) {
+  return LocalTime(date).tm_mon + 1;
+}
 
 int CalendarDaysBetween(Date from, Date to) {
   // Count days between the two local calendar dates via their civil day numbers.

@@ -19,8 +19,12 @@ std::string HomeDirectory() {
   return "/";
 }
 
-std::string DataFolder() { return HomeDirectory() + "/Library/Gabfolio"; }
+std::string DataFolder() {
+  return HomeDirectory() + "/Library/Gabfolio";
+}
 
-std::string TranscriptFolder() { return HomeDirectory() + "/Documents/iChats"; }
+std::string TranscriptFolder() {
+  return HomeDirectory() + "/Documents/iChats";
+}
 
 }  // namespace gab

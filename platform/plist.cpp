@@ -39,7 +39,8 @@ plist_t Canonical(plist_t node) {
     case PLIST_ARRAY: {
       plist_t out = plist_new_array();
       uint32_t n = plist_array_get_size(node);
-      for (uint32_t i = 0; i < n; ++i) plist_array_append_item(out, Canonical(plist_array_get_item(node, i)));
+      for (uint32_t i = 0; i < n; ++i)
+        plist_array_append_item(out, Canonical(plist_array_get_item(node, i)));
       return out;
     }
     case PLIST_DATE: {

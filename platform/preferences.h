@@ -16,8 +16,8 @@ struct PrefOther {
 using PrefValue = std::variant<bool, int64_t, double, std::string, PrefOther>;
 
 // NSNumber/NSString-like readings of a value.
-bool BoolValue(const std::optional<PrefValue>& v);   // absent: NO
-int32_t IntValue(const std::optional<PrefValue>& v);  // absent: 0
+bool BoolValue(const std::optional<PrefValue>& v);                          // absent: NO
+int32_t IntValue(const std::optional<PrefValue>& v);                        // absent: 0
 std::optional<std::string> StringValue(const std::optional<PrefValue>& v);  // strings only
 
 // The application preference domain "com.tidewrack.gabfolio", stored in

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "delivery/rendering.h"
 #include "platform/files.h"
 #include "platform/log.h"
 #include "platform/text.h"
@@ -79,7 +80,7 @@ int RunConvert(int argc, char** argv) {
                  EscapeControlCharacters(why).c_str());
     return kFailure;
   }
-  std::string bytes = *format == "text" ? ToUtf8(log->PlainChatLog()) : log->HTMLChatLog();
+  std::string bytes = *format == "text" ? ToUtf8(PlainChatLog(*log)) : HTMLChatLog(*log);
 
   if (output) {
     std::string error;

@@ -36,7 +36,6 @@ std::string SuppliedDataFolder() {
   std::vector<fs::path> candidates;
   if (!here.empty()) candidates.push_back(here.parent_path() / "share" / "gabfolio");
   candidates.emplace_back(GABFOLIO_DATADIR);
-  candidates.push_back(fs::path(GABFOLIO_SOURCE_DIR) / "data");
   for (const auto& c : candidates)
     if (hasTemplates(c)) return c.string();
   return "";

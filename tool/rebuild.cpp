@@ -18,8 +18,8 @@ int RunRebuild(int argc, char** argv) {
                  "~/Library/Gabfolio from gatheredURLs.plist and gatheredImages.plist.\n");
     return out == stdout ? kOk : kUsage;
   }
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateLinkFiles(nullptr);
+  GenerateImageFiles(nullptr);
   return kOk;
 }
 

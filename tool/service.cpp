@@ -72,7 +72,6 @@ std::optional<std::string> ShippedUnit() {
     places.push_back(here.parent_path() / "lib" / "systemd" / "user" / kUnit);  // installed
     places.push_back(here.parent_path() / "agent" / kUnit);                     // build tree
   }
-  places.push_back(fs::path(GABFOLIO_SOURCE_DIR) / "agent" / kUnit);
   for (const auto& p : places)
     if (auto text = ReadWholeFile(p.string())) return text;
   return std::nullopt;

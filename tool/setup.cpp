@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "parser/transcript_mail.h"
+#include "delivery/mail_session.h"
 #include "platform/files.h"
 #include "platform/home.h"
 #include "platform/preferences.h"
@@ -292,7 +292,7 @@ int ConfigureMail(Preferences& prefs, const MailOptions& o) {
   std::fflush(stdout);
   auto transcript = TestTranscript();
   std::string error;
-  if (!parser::MailTranscript(prefs, *transcript, &error)) {
+  if (!MailTranscript(*transcript, &error)) {
     std::fprintf(stderr, "gabfolio setup: the test message was not sent: %s\n",
                  error.empty() ? "unknown error" : error.c_str());
     return kFailure;

@@ -1,8 +1,7 @@
 #pragma once
-// ICLPChatLog: one iChat transcript loaded into memory, and every operation
-// the product performs on a whole chat.  The operations live beside the
-// subsystem that owns them: loading and queries in transcript/, rendering and
-// mail in delivery/, gathering in library/, error reporting in agent/.
+// ICLPChatLog: one iChat transcript loaded into memory, with the queries over
+// a whole chat.  It is data: rendering, mail, gathering and statistics are
+// functions of the layers above that take a transcript.
 
 #include <memory>
 #include <optional>
@@ -16,11 +15,9 @@
 
 namespace gab {
 
-class CWSMTP;
-
 class ICLPChatLog {
  public:
-  // alloc/init: an empty transcript (the welcome mail's sender object).
+  // An empty transcript.
   ICLPChatLog();
   ~ICLPChatLog();
   ICLPChatLog(const ICLPChatLog&) = delete;
@@ -71,40 +68,6 @@ class ICLPChatLog {
     return log;
   }
 
-  // ---- End of chat (transcript/end_of_chat.cpp) ----
-  bool isLikelyEndOfChat() const;
-
-  // ---- Rendering (delivery/rendering.cpp) ----
-  std::u16string PlainChatLog() const;
-  AttributedString RichChatLog() const;
-  std::string HTMLChatLog() const;  // UTF-8 document
-
-  // ---- Mail (delivery/mail_sending.cpp) ----
-  // Sends the client's message; false when the transfer ended through a
-  // callback, true when it could not start or was stopped.
-  bool HandleEmailSending(CWSMTP& smtp);
-  void emailReady(CWSMTP& smtp);
-  void authenticationCompleted();
-  void authenticationFailed();
-  void messageSent();
-  void messageNotSent();
-  void connectionTimedOut();
-  std::u16string subjectForEmail();
-  // True when the last transfer ended with the server accepting the message.
-  bool mailDelivered() const { return mailDelivered_; }
-
-  // ---- Gathering (library/gathering.cpp) ----
-  // One entry per non-status message (messages whose sender has no name give
-  // the empty dictionary and are left out).
-  std::vector<LinkEntry> GatheredURLs() const;
-  std::vector<ImageEntry> GatheredImages() const;
-  void ExtendURLLog(const std::string& path) const;
-  void ExtendImageLog(const std::string& path) const;
-
-  // ---- Error reporting (agent/report_error.cpp) ----
-  // Callable without a transcript.
-  static void reportError(int code, std::u16string_view text);
-
  private:
   bool AdoptRoot(const ObjectPtr& root);
   bool Fail(std::string reason);  // logs, keeps the reason, drops what was loaded
@@ -116,11 +79,6 @@ class ICLPChatLog {
   std::u16string primaryOtherParty_;
   std::string loadError_;
   std::string path_;  // the file being loaded, for log lines
-
-  bool mailTransmissionDone_ = false;
-  bool mailResult_ = false;
-  bool mailDelivered_ = false;
-  CWSMTP* smtp_ = nullptr;  // not owned
 };
 
 }  // namespace gab

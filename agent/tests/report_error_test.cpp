@@ -1,3 +1,5 @@
+#include "platform/report_error.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -16,7 +18,6 @@
 #include "platform/alert.h"
 #include "platform/tests/alert_test_bus.h"
 #include "platform/text.h"
-#include "transcript/chat_log.h"
 
 namespace gab {
 namespace {
@@ -49,7 +50,7 @@ TEST(ReportError, StoresTheReportAndSetsTheCodeOnlyAtThreeFails) {
     if (c.emailFails) prefs["emailFails"] = PrefValue(int64_t(*c.emailFails));
     WritePrefs(prefs);
     ::testing::internal::CaptureStderr();
-    ICLPChatLog::reportError(c.code, c.text);
+    reportError(ErrorCode(c.code), c.text);
     std::string log = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(StringValue(ReadPref("reportThis")), ToUtf8(c.text));
     EXPECT_EQ(IntValue(ReadPref("errorStatus")), c.errorStatusAfter);
@@ -63,8 +64,8 @@ TEST(ReportError, StoresTheReportAndSetsTheCodeOnlyAtThreeFails) {
 TEST(ReportError, TwoReportsInARowKeepTheSecondText) {
   ResetHome();
   WritePrefs({});
-  ICLPChatLog::reportError(1, u"permissions");
-  ICLPChatLog::reportError(2, u"Gr\u00fc\u00dfe 550 mailbox unavailable");
+  reportError(ErrorCode::kFileSystem, u"permissions");
+  reportError(ErrorCode::kMail, u"Gr\u00fc\u00dfe 550 mailbox unavailable");
   EXPECT_EQ(StringValue(ReadPref("reportThis")),
             "Gr\xc3\xbc\xc3\x9f"
             "e 550 mailbox unavailable");
@@ -81,7 +82,7 @@ TEST(ReportError, AlertReachesTheNotificationServer) {
   ResetHome();
   WritePrefs({{"emailFails", PrefValue(int64_t(3))}});
   setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
-  ICLPChatLog::reportError(2, u"SMTP unreachable");
+  reportError(ErrorCode::kMail, u"SMTP unreachable");
   bool arrived = WaitFor([&] { return !server.Received().empty(); }, 5);
   setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/gabfolio-test-bus", 1);
   ASSERT_TRUE(arrived);

@@ -75,12 +75,12 @@ TEST(ChatRendering, ThreeRenderingsOfSmallTranscripts) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto log = ICLPChatLog::FromParts(u"Anna", c.messages);
-    EXPECT_EQ(ToUtf8(log->PlainChatLog()), c.plain);
-    EXPECT_EQ(ToUtf8(log->RichChatLog().text), c.rich);
-    EXPECT_EQ(log->HTMLChatLog(), c.html);
+    EXPECT_EQ(ToUtf8(PlainChatLog(*log)), c.plain);
+    EXPECT_EQ(ToUtf8(RichChatLog(*log).text), c.rich);
+    EXPECT_EQ(HTMLChatLog(*log), c.html);
     // Pure: the same again, nothing changed.
-    EXPECT_EQ(log->HTMLChatLog(), c.html);
-    EXPECT_EQ(ToUtf8(log->PlainChatLog()), c.plain);
+    EXPECT_EQ(HTMLChatLog(*log), c.html);
+    EXPECT_EQ(ToUtf8(PlainChatLog(*log)), c.plain);
   }
 }
 
@@ -90,7 +90,7 @@ TEST(ChatRendering, RichTextKeepsTheMessagesAttributes) {
   text.Append(u"see ", nullptr);
   text.Append(u"this", link);
   auto log = ICLPChatLog::FromParts(u"Anna", {Message(u"Anna", text)});
-  AttributedString rich = log->RichChatLog();
+  AttributedString rich = RichChatLog(*log);
   size_t start = 0;
   auto* run = rich.RunAt(std::u16string(u"Anna: see ").size(), &start);
   ASSERT_NE(run, nullptr);
@@ -106,7 +106,7 @@ TEST(ChatRendering, LargeTranscriptMatchesTheLiteralAlgorithm) {
   for (int i = 0; i < 4000; ++i)
     messages.push_back(Message(i % 2 ? u"Anna" : u"Ben", RandomAttributedString(rng, 3)));
   auto log = ICLPChatLog::FromParts(u"Anna", messages);
-  EXPECT_TRUE(log->HTMLChatLog() == ToUtf8(LiteralHTMLDocument(log->RichChatLog())));
+  EXPECT_TRUE(HTMLChatLog(*log) == ToUtf8(LiteralHTMLDocument(RichChatLog(*log))));
 }
 
 }  // namespace

@@ -63,7 +63,7 @@ std::string Transfer(CWSMTP& smtp, std::optional<Login> login) {
   d.messageNotSent = [&] { note("messageNotSent", true); };
   d.connectionTimedOut = [&] { note("connectionTimedOut", true); };
   smtp.setDelegate(d);
-  if (smtp.connect() != 0) return "unreachable";
+  if (!smtp.connect()) return "unreachable";
   // Let the greeting be read first, as the one-second timer does.
   RunLoop::Current().RunOnce(RunLoop::Clock::now());
   if (!done) {
@@ -189,7 +189,7 @@ TEST(SmtpConnect, UnreachableServersFailAtConnect) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.host + ":" + std::to_string(c.port));
     CWSMTP smtp(c.host, c.port);
-    EXPECT_NE(smtp.connect(), 0);
+    EXPECT_FALSE(smtp.connect());
     EXPECT_FALSE(RunLoop::Current().HasSources());  // nothing will ever be reported
   }
 }

@@ -1,5 +1,7 @@
 // What arrives at the server: the welcome mail and a transcript's mail, and
 // the agent's first start sending the welcome mail.
+#include "delivery/mail_layout.h"
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -7,9 +9,9 @@
 #include <regex>
 
 #include "delivery/cw_smtp.h"
+#include "delivery/mail_session.h"
 #include "delivery/tests/smtp_fixture.h"
 #include "delivery/tests/test_home.h"
-#include "delivery/transcript_mail.h"
 #include "delivery/welcome_email.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
@@ -162,7 +164,7 @@ TEST_F(MailLayoutTest, TranscriptMail) {
   message->string = std::make_shared<AttributedString>();
   message->string->Append(u".hi ☃ <i>there</i>", nullptr);
   auto log = ICLPChatLog::FromParts(u"Zoë", {message});
-  EXPECT_FALSE(SendTranscriptMail(*log));
+  EXPECT_TRUE(MailTranscript(*log, nullptr));
   ASSERT_EQ(server.MessageCount(), 1);
   ExpectLayout(server, "utf-8");
   auto headers = Headers(server.Message(1, "raw"));

@@ -7,10 +7,11 @@
 #include <thread>
 
 #include "delivery/cw_smtp.h"
+#include "delivery/mail_layout.h"
+#include "delivery/mail_session.h"
 #include "delivery/run_loop.h"
 #include "delivery/tests/smtp_fixture.h"
 #include "delivery/tests/test_home.h"
-#include "delivery/transcript_mail.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
@@ -139,9 +140,9 @@ TEST_F(MailSendingTest, OutcomesLogLinesAndReports) {
     CWSMTP smtp("127.0.0.1", server.port());
     smtp.setMessage(BuildMail(u"[IM] Test", std::string("me@example.org"),
                               std::string("you@example.org"), u"plain\n", "<b>html</b>"));
-    ICLPChatLog log;
+    MailSession session;
     ::testing::internal::CaptureStderr();
-    bool result = log.HandleEmailSending(smtp);
+    bool result = session.HandleEmailSending(smtp);
     std::string captured = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(result, c.result);
     EXPECT_EQ(MailLines(captured), c.log) << captured;
@@ -190,9 +191,9 @@ TEST_F(MailSendingTest, WaitsThatEndEarly) {
     CWSMTP smtp("127.0.0.1", c.port);
     smtp.setMessage(BuildMail(u"s", std::nullopt, std::nullopt, u"p", "h"));
     if (c.duringTheWait) RunLoop::Current().Post([&] { c.duringTheWait(smtp); });
-    ICLPChatLog log;
+    MailSession session;
     ::testing::internal::CaptureStderr();
-    EXPECT_TRUE(log.HandleEmailSending(smtp));
+    EXPECT_TRUE(session.HandleEmailSending(smtp));
     EXPECT_EQ(MailLines(::testing::internal::GetCapturedStderr()), c.log);
     auto report = StoredPref("reportThis");
     EXPECT_EQ(report.has_value(), c.reportThis.has_value());
@@ -205,14 +206,14 @@ TEST_F(MailSendingTest, WaitsThatEndEarly) {
 TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
   auto log = ICLPChatLog::FromParts(u"Zoë", {});
   ResetPrefs({{"subjectNumber", int64_t(5)}});
-  EXPECT_EQ(log->subjectForEmail(), u"[IM] Zoë");
+  EXPECT_EQ(subjectForEmail(*log), u"[IM] Zoë");
   EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 5);
 
   ResetPrefs({{"forceUniqueSubjects", true}, {"subjectNumber", int64_t(5)}});
-  std::u16string first = log->subjectForEmail();
+  std::u16string first = subjectForEmail(*log);
   EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 6);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  std::u16string second = log->subjectForEmail();
+  std::u16string second = subjectForEmail(*log);
   EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 7);
   EXPECT_NE(first, second);
   const std::regex shape(
@@ -222,7 +223,7 @@ TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
 
   // Starting from nothing.
   ResetPrefs({{"forceUniqueSubjects", std::string("YES")}});
-  log->subjectForEmail();
+  subjectForEmail(*log);
   EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 1);
 }
 

@@ -66,8 +66,8 @@ TEST(ArchivedTranscripts, EveryFormatGivesTheSameLibrary) {
     std::string why;
     auto chat = ICLPChatLog::InitWithFilePath(path);
     ASSERT_TRUE(chat) << "the transcript did not load";
-    ICLPLogGenerator::GenerateLinkFiles(chat.get());
-    ICLPLogGenerator::GenerateImageFiles(chat.get());
+    GenerateLinkFiles(chat.get());
+    GenerateImageFiles(chat.get());
     ExpectGolden(home.Get("gatheredURLs.plist"), "archived_links_store.plist");
     ExpectGolden(home.Get("Links.html"), "archived_links_All.html");
     ExpectGolden(home.Get("bob smith.html"), "archived_links_bob.html");

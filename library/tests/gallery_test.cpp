@@ -28,7 +28,7 @@ TEST_P(GalleryGolden, RebuildsEveryPageFromTheStore) {
   home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
   std::string store = ImageStoreXml(c.store);
   home.Put("gatheredImages.plist", store);
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateImageFiles(nullptr);
   for (const auto& [page, golden] : c.pages) ExpectGolden(home.Get(page), golden);
   EXPECT_EQ(home.Get("gatheredImages.plist"), store);
 }
@@ -130,7 +130,7 @@ TEST(Gallery, NewestImagesAreTheThreeNewestNumberedFromTheOldest) {
         0);
     home.Put("Images/topimages/04.png", "stale");
     if (!c.store.empty()) home.Put("gatheredImages.plist", ImageStoreXml(c.store));
-    ICLPLogGenerator::GenerateImageFiles(nullptr);
+    GenerateImageFiles(nullptr);
     EXPECT_EQ(TopImages(home), c.expected);
   }
 }
@@ -140,7 +140,7 @@ TEST(Gallery, MissingTemplateWritesNoPageButRebuildsNewestImages) {
   home.Put("Images/a.png", "A");
   home.Put("gatheredImages.plist",
            ImageStoreXml({{"Ann", {{"2005-03-09T00:00:00Z", "Images/a.png", 1, 1}}}}));
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateImageFiles(nullptr);
   EXPECT_FALSE(home.Has("Ann-images.html"));
   EXPECT_FALSE(home.Has("Images.html"));
   EXPECT_EQ(home.Get("Images/topimages/01.png"), "A");
@@ -153,7 +153,7 @@ TEST(Gallery, TopImagesLinkIsRemovedNotFollowed) {
   ASSERT_EQ(
       symlink((home.home() + "/elsewhere").c_str(), (home.data() + "/Images/topimages").c_str()),
       0);
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateImageFiles(nullptr);
   EXPECT_EQ(ReadWholeFile(home.home() + "/elsewhere/keep.txt"), "keep");
   EXPECT_TRUE(std::filesystem::is_directory(
       std::filesystem::symlink_status(home.data() + "/Images/topimages")));
@@ -165,7 +165,7 @@ TEST(Gallery, UnreadableStoreGivesTheEmptyAllPage) {
     TestHome home;
     home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
     home.Put("gatheredImages.plist", bytes);
-    ICLPLogGenerator::GenerateImageFiles(nullptr);
+    GenerateImageFiles(nullptr);
     EXPECT_EQ(home.Get("Images.html"),
               "<title>Images</title>\n<ul class=\"nav\"><li class=\"active\"><a "
               "href=\"Images.html\">All</a><span class=\"numb\">(0)</span></li></ul>\n"
@@ -183,7 +183,7 @@ TEST(Gallery, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
                                                   {"a/b", one("Images/2.png")},
                                                   {"image", one("Images/3.png")},
                                                   {"statstemplate.html", one("Images/4.png")}}));
-  ICLPLogGenerator::GenerateImageFiles(nullptr);
+  GenerateImageFiles(nullptr);
   EXPECT_EQ(home.Get("imagetemplate.html"), tmpl)
       << "\"image\" + \"template.html\" is not our name";
   std::vector<std::string> expected = {

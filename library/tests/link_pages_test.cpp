@@ -32,7 +32,7 @@ TEST_P(LinkPagesGolden, RebuildsEveryPageFromTheStore) {
   home.Put("linktemplate.html", TestTemplate("____LINKS"));
   std::string store = LinkStoreXml(c.store);
   home.Put("gatheredURLs.plist", store);
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  GenerateLinkFiles(nullptr);
   for (const auto& [page, golden] : c.pages) ExpectGolden(home.Get(page), golden);
   EXPECT_EQ(home.Get("gatheredURLs.plist"), store) << "a rebuild must not touch the store";
 }
@@ -82,7 +82,7 @@ TEST(LinkPages, CompressedLinkKeepsFortyUnitsAndCutsLongerOnes) {
        std::u16string(19, u'a') + u"\xD83D . . . " + std::u16string(20, u'b')},
   };
   for (const auto& c : cases) {
-    auto got = ICLPLogGenerator::CompressedLinkForList(c.in);
+    auto got = CompressedLinkForList(c.in);
     EXPECT_EQ(got, c.out);
     if (c.in.size() > 40) {
       EXPECT_EQ(got.size(), 47u);
@@ -106,8 +106,7 @@ TEST(LinkPages, FunkyEscapingKeepsOnlyLettersAndDigits) {
       // 0x20AC >> 4 = 0x20A, + '0' + 7 = 0x241.
       {u"\u20ac", u"%\u0241C"},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(ICLPLogGenerator::stringWithFunkyURLStuffInserted(c.in), c.out);
+  for (const auto& c : cases) EXPECT_EQ(stringWithFunkyURLStuffInserted(c.in), c.out);
 }
 
 TEST(LinkPages, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
@@ -123,7 +122,7 @@ TEST(LinkPages, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
                                     {"bob smith", {{"2005-03-08T20:07:42Z", "http://6/"}}},
                                     {"..", {{"2005-03-08T20:07:42Z", "http://7/"}}}});
   home.Put("gatheredURLs.plist", store);
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  GenerateLinkFiles(nullptr);
   EXPECT_EQ(home.Get("linktemplate.html"), tmpl);
   EXPECT_EQ(home.Get("imagetemplate.html"), "keep me");
   EXPECT_EQ(home.Get("gatheredURLs.plist"), store);
@@ -152,7 +151,7 @@ TEST(LinkPages, UnparsableOrMissingStoreWithoutTranscript) {
     TestHome home;
     home.Put("linktemplate.html", TestTemplate("____LINKS"));
     if (present) home.Put("gatheredURLs.plist", "<plist><array><dict>");
-    ICLPLogGenerator::GenerateLinkFiles(nullptr);
+    GenerateLinkFiles(nullptr);
     EXPECT_EQ(home.Get("Links.html"),
               "<title>Links</title>\n<ul class=\"nav\"><li class=\"active\"><a "
               "href=\"Links.html\">All</a><span class=\"numb\">(0)</span></li></ul>\n</ul>\n");
@@ -166,7 +165,7 @@ TEST(LinkPages, MissingTemplateWritesNoPageAndReportsNothing) {
   TestHome home;
   home.Put("gatheredURLs.plist", LinkStoreXml({{"Ann", {{"2005-03-08T20:07:42Z", "http://a/"}}}}));
   ::testing::internal::CaptureStderr();
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  GenerateLinkFiles(nullptr);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
   EXPECT_FALSE(home.Has("Ann.html"));
   EXPECT_FALSE(home.Has("Links.html"));
@@ -177,7 +176,7 @@ TEST(LinkPages, ReplacesEveryPlaceholderOccurrenceInOrderWithoutEscaping) {
   home.Put("linktemplate.html", "____NAME|____NAME|____name|____CONTENTS|____LINKS|____LINKS");
   home.Put("gatheredURLs.plist",
            LinkStoreXml({{"<i>____LINKS", {{"2005-03-08T20:07:42Z", "http://a/?x=<"}}}}));
-  ICLPLogGenerator::GenerateLinkFiles(nullptr);
+  GenerateLinkFiles(nullptr);
   auto page = home.Get("<i>____LINKS.html");
   ASSERT_TRUE(page);
   // The name goes in first, so the placeholder inside it is replaced by the
@@ -200,7 +199,7 @@ TEST_F(LinkStoreSave, FailedWriteIsReportedAsPermissions) {
   // atomic rename over it fails (even for root).
   std::filesystem::create_directory(home.data() + "/gatheredURLs.plist");
   ::testing::internal::CaptureStderr();
-  ICLPLogGenerator::GenerateLinkFiles(empty.get());
+  GenerateLinkFiles(empty.get());
   std::string log = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("Link file failed to write to path: "), std::string::npos) << log;
 }
@@ -210,7 +209,7 @@ TEST_F(LinkStoreSave, TranscriptRewritesTheStoreSortedAndBuildsPages) {
   home.Put("gatheredURLs.plist", LinkStoreXml({{"Ann",
                                                 {{"2005-01-05T17:00:00Z", "http://jan/"},
                                                  {"2005-03-05T17:00:00Z", "http://mar/"}}}}));
-  ICLPLogGenerator::GenerateLinkFiles(empty.get());
+  GenerateLinkFiles(empty.get());
   auto store = home.Get("gatheredURLs.plist");
   ASSERT_TRUE(store);
   EXPECT_LT(store->find("http://mar/"), store->find("http://jan/"));

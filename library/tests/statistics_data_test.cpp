@@ -48,7 +48,7 @@ TEST(StatisticsData, ShippedTemplateFillsCompletelyAndBlocksScripts) {
     std::filesystem::copy_file(kData + f, folder + "/" + f);
   auto chat = testing::Chat(
       u"Anna", {{u"me", u"omg hi <script>alert(1)</script>", 1e8}, {u"Anna", u"damn lol", 1e8}});
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   auto out = ReadWholeFile(folder + "/stats.html");
   ASSERT_TRUE(out.has_value());
   EXPECT_EQ(out->find("____"), std::string::npos);

@@ -365,7 +365,7 @@ TEST_F(Statistics, AccumulatesStoresAndChatsIntoStoreAndPage) {
     Remove("stats.html");
 
     auto chat = Chat(c.party, c.lines);
-    ICLPLogGenerator::UpdateStatistics(chat.get());
+    UpdateStatistics(chat.get());
 
     auto page = Page();
     for (const char* p : kPlaceholders) EXPECT_TRUE(page.count(p)) << p;
@@ -398,7 +398,7 @@ TEST_F(Statistics, FirstChatStartsTheTotalsNow) {
   Put("statstemplate.html", TestTemplate());
   const Date before = Date::Now();
   auto chat = Chat(u"Anna", {{u"me", u"first words", before.time}, {u"Anna", u"hi", before.time}});
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   const Date after = Date::Now();
 
   auto stored = ReadStore(folder_ + "/talkpulse.plist");
@@ -414,7 +414,7 @@ TEST_F(Statistics, FirstChatStartsTheTotalsNow) {
   EXPECT_EQ(page["DATE1"], Day(before));
 
   // The second call counts on from the first.
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   stored = ReadStore(folder_ + "/talkpulse.plist");
   EXPECT_EQ(stored->counts["chatcount"], 2);
   EXPECT_EQ(stored->counts["usertextcount"], 4);
@@ -427,7 +427,7 @@ TEST_F(Statistics, NoTranscriptCountsAChatThatEndsNow) {
                                    {"usertextcount", Int(8)},
                                    {"startDate", DateXml(At(2005, 3, 1))}}));
   const Date before = Date::Now();
-  ICLPLogGenerator::UpdateStatistics(nullptr);
+  UpdateStatistics(nullptr);
   auto stored = ReadStore(folder_ + "/talkpulse.plist");
   ASSERT_TRUE(stored.has_value());
   EXPECT_EQ(stored->counts["chatcount"], 2);
@@ -440,7 +440,7 @@ TEST_F(Statistics, NoTranscriptCountsAChatThatEndsNow) {
 
 TEST_F(Statistics, MissingTemplateStillWritesTheStore) {
   auto chat = Chat(u"Anna", {{u"me", u"hello", At(2005, 3, 1)}});
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   EXPECT_TRUE(ReadStore(folder_ + "/talkpulse.plist").has_value());
   EXPECT_FALSE(FileExists(folder_ + "/stats.html"));
 }
@@ -448,7 +448,7 @@ TEST_F(Statistics, MissingTemplateStillWritesTheStore) {
 TEST_F(Statistics, NoDataFolderWritesNothingAnywhere) {
   std::filesystem::remove_all(folder_);
   auto chat = Chat(u"Anna", {{u"me", u"hello", At(2005, 3, 1)}});
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   EXPECT_TRUE(std::filesystem::is_empty(home_.path() + "/Library"));
 }
 
@@ -459,7 +459,7 @@ TEST_F(Statistics, PageReplacesEveryOccurrenceAndLeavesTheRest) {
   Put("talkpulse.plist",
       StoreXml({{"usertextcount", Int(6)}, {"startDate", DateXml(At(2005, 3, 1))}}));
   auto chat = Chat(u"Anna", {{u"me", u"x", At(2005, 3, 2)}});
-  ICLPLogGenerator::UpdateStatistics(chat.get());
+  UpdateStatistics(chat.get());
   EXPECT_EQ(
       ReadWholeFile(folder_ + "/stats.html").value_or(""),
       "a 7 b 7 ____usertotal ____UNKNOWN March  1, 2005March  1, 2005 \xc3\xa9\xe2\x82\xac\n");

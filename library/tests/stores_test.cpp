@@ -82,13 +82,13 @@ TEST(Stores, LookupsMatchTheFirstWellFormedRecordExactly) {
                "</array></plist>\n");
   PlistPtr store = LoadStore(home.data() + "/s.plist");
   ASSERT_TRUE(store);
-  plist_t urls = ICLPLogGenerator::FindSpeakerArray(u"Ann", store.get());
+  plist_t urls = FindSpeakerArray(u"Ann", store.get());
   ASSERT_TRUE(urls);
   EXPECT_EQ(plist_array_get_size(urls), 1u);
-  EXPECT_TRUE(ICLPLogGenerator::FindImagesArray(u"Ann", store.get()));
-  EXPECT_FALSE(ICLPLogGenerator::FindSpeakerArray(u"ann", store.get()));
-  EXPECT_FALSE(ICLPLogGenerator::FindImagesArray(u"Bob", store.get()));
-  EXPECT_FALSE(ICLPLogGenerator::FindSpeakerArray(u"Ann", nullptr));
+  EXPECT_TRUE(FindImagesArray(u"Ann", store.get()));
+  EXPECT_FALSE(FindSpeakerArray(u"ann", store.get()));
+  EXPECT_FALSE(FindImagesArray(u"Bob", store.get()));
+  EXPECT_FALSE(FindSpeakerArray(u"Ann", nullptr));
 }
 
 std::vector<std::string> Urls(plist_t list) {
@@ -121,14 +121,13 @@ TEST(Stores, LinkMergeAppendsSpeakersAndResortsEveryList) {
   MergeLinkEntries(store.get(), entries);
   SortEveryList(store.get(), "urls");
   ASSERT_EQ(plist_array_get_size(store.get()), 3u);
-  EXPECT_EQ(Urls(ICLPLogGenerator::FindSpeakerArray(u"Ann", store.get())),
-            (std::vector<std::string>{"new", "old"}));
-  EXPECT_EQ(Urls(ICLPLogGenerator::FindSpeakerArray(u"Bob", store.get())),
+  EXPECT_EQ(Urls(FindSpeakerArray(u"Ann", store.get())), (std::vector<std::string>{"new", "old"}));
+  EXPECT_EQ(Urls(FindSpeakerArray(u"Bob", store.get())),
             (std::vector<std::string>{"b2", "b3", "b2", "b1"}));
-  EXPECT_EQ(Urls(ICLPLogGenerator::FindSpeakerArray(u"ann", store.get())),
+  EXPECT_EQ(Urls(FindSpeakerArray(u"ann", store.get())),
             (std::vector<std::string>{"case differs"}));
-  EXPECT_FALSE(ICLPLogGenerator::FindSpeakerArray(u"Cy", store.get()));
-  EXPECT_FALSE(ICLPLogGenerator::FindSpeakerArray(u"Dee", store.get()));
+  EXPECT_FALSE(FindSpeakerArray(u"Cy", store.get()));
+  EXPECT_FALSE(FindSpeakerArray(u"Dee", store.get()));
   // Written as the stores are: sorted keys, whole-second UTC dates.
   std::string xml = PlistToXml(store.get());
   EXPECT_NE(xml.find("<key>speaker</key>\n\t\t<string>ann</string>\n\t\t<key>urls</key>"),

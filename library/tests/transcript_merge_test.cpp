@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <vips/vips.h>
 
+#include "library/gathering.h"
 #include "library/log_generator.h"
 #include "library/tests/test_home.h"
 #include "library/tests/transcript_builder.h"
@@ -50,28 +51,28 @@ std::unique_ptr<ICLPChatLog> LinkChat() {
 
 TEST(Gathering, OneEntryPerNonStatusMessageInOrder) {
   auto chat = LinkChat();
-  auto links = chat->GatheredURLs();
+  auto links = GatheredURLs(*chat);
   ASSERT_EQ(links.size(), 4u);
   EXPECT_EQ(links[0].speaker, u"Ann");
   EXPECT_EQ(links[0].urls,
             (std::vector<std::u16string>{u"http://a.example/", u"http://example.org/page?x=1"}));
   EXPECT_EQ(links[1].speaker, u"Bob");
   EXPECT_TRUE(links[1].urls.empty());
-  EXPECT_EQ(chat->GatheredImages().size(), 4u);
+  EXPECT_EQ(GatheredImages(*chat).size(), 4u);
   EXPECT_TRUE(
-      ICLPChatLog::FromParts(u"Bob", {Message(u"", March8(), {{u"x"}})})->GatheredURLs().empty());
+      GatheredURLs(*ICLPChatLog::FromParts(u"Bob", {Message(u"", March8(), {{u"x"}})})).empty());
 }
 
 TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
   TestHome home;
   home.Put("linktemplate.html", TestTemplate("____LINKS"));
   auto chat = LinkChat();
-  ICLPLogGenerator::GenerateLinkFiles(chat.get());
+  GenerateLinkFiles(chat.get());
   ExpectGolden(home.Get("gatheredURLs.plist"), "merge_links_store.plist");
   ExpectGolden(home.Get("Bob.html"), "merge_links_Bob.html");
   ExpectGolden(home.Get("Links.html"), "merge_links_All.html");
   // Merging the same chat again stores every link twice.
-  ICLPLogGenerator::GenerateLinkFiles(chat.get());
+  GenerateLinkFiles(chat.get());
   auto store = home.Get("gatheredURLs.plist");
   size_t n = 0;
   for (size_t at = store->find("<key>linkurl</key>"); at != std::string::npos;
@@ -90,7 +91,7 @@ TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
     home.Put("linktemplate.html", TestTemplate("____LINKS"));
     home.Put("gatheredURLs.plist", bad);
     ::testing::internal::CaptureStderr();
-    ICLPLogGenerator::GenerateLinkFiles(LinkChat().get());
+    GenerateLinkFiles(LinkChat().get());
     std::string log = ::testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("Link file failed to write to path: " + home.data() + "/gatheredURLs.plist"),
               std::string::npos);
@@ -119,7 +120,7 @@ TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
   TestHome home;
   home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
   auto chat = ImageChat();
-  ICLPLogGenerator::GenerateImageFiles(chat.get());
+  GenerateImageFiles(chat.get());
   ExpectGolden(home.Get("gatheredImages.plist"), "merge_images_store.plist");
   ExpectGolden(home.Get("Images.html"), "merge_images_All.html");
   EXPECT_EQ(home.Get("Images/photo-Ann-2005-03-08 15:07:42 -0500.jpg"), Png(64, 48));
@@ -146,7 +147,7 @@ TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
   home.Put("links.txt", "before\n");
   home.Put("images.txt", "");
   auto links = LinkChat();
-  links->ExtendURLLog(home.data() + "/./links.txt");  // any spelling of the folder
+  ExtendURLLog(*links, home.data() + "/./links.txt");  // any spelling of the folder
   EXPECT_EQ(
       home.Get("links.txt"),
       "before\n"
@@ -156,7 +157,7 @@ TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
       "<a href=\"http://feb.example/\">http://feb.example/</a> Bob Sat February 26, 03:07PM %s%\n"
       "<a href=\"http://b.example/\">http://b.example/</a> Bob Tue March 8, 03:10PM %s%\n");
   auto images = ImageChat();
-  images->ExtendImageLog(home.data() + "/images.txt");
+  ExtendImageLog(*images, home.data() + "/images.txt");
   auto text = home.Get("images.txt");
   ASSERT_TRUE(text);
   EXPECT_EQ(text->substr(0, text->find('\n') + 1),
@@ -172,15 +173,15 @@ TEST(TextLogs, MissingLogOrFormatAddsNothingButImagesAreStillCopied) {
   prefs.SetAppValue("bookmarkEntry", std::nullopt);
   prefs.SetAppValue("imageEntry", PrefValue(std::string("%@\n")));
   home.Put("links.txt", "kept\n");
-  LinkChat()->ExtendURLLog(home.data() + "/links.txt");
+  ExtendURLLog(*LinkChat(), home.data() + "/links.txt");
   EXPECT_EQ(home.Get("links.txt"), "kept\n");
-  ImageChat()->ExtendImageLog(home.data() + "/absent.txt");
+  ExtendImageLog(*ImageChat(), home.data() + "/absent.txt");
   EXPECT_FALSE(home.Has("absent.txt"));
   EXPECT_TRUE(home.Has("Images/photo-Ann-TueMar80307PM.jpg"));
   // A log outside the data folder is not touched.
   std::ofstream(home.home() + "/outside.txt") << "x";
   prefs.SetAppValue("bookmarkEntry", PrefValue(std::string("%@\n")));
-  LinkChat()->ExtendURLLog(home.home() + "/outside.txt");
+  ExtendURLLog(*LinkChat(), home.home() + "/outside.txt");
   EXPECT_EQ(ReadWholeFile(home.home() + "/outside.txt"), "x");
 }
 

@@ -64,7 +64,7 @@ TEST(Viewer, EveryEscapedNameComesBackWhole) {
   names.push_back(all);
   names.push_back(u"\uFFFF\uE000\u0800\u1000");
   for (const auto& name : names) {
-    std::u16string href = ICLPLogGenerator::stringWithFunkyURLStuffInserted(name);
+    std::u16string href = stringWithFunkyURLStuffInserted(name);
     EXPECT_EQ(DecodeLibraryPath(AsBrowserSends(href)), name) << ToUtf8(name);
   }
 }

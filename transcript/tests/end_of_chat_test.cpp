@@ -1,3 +1,5 @@
+#include "transcript/end_of_chat.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -85,7 +87,7 @@ TEST_F(EndOfChat, JudgesByTheChatClientsWindows) {
     fake_.queries = 0;
     auto log = Transcript(c.party, c.others);
     ::testing::internal::CaptureStderr();
-    bool ended = log->isLikelyEndOfChat();
+    bool ended = isLikelyEndOfChat(*log);
     std::string err = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(ended, c.ended);
     EXPECT_EQ(fake_.queries, c.running ? 1 : 0);

@@ -8,6 +8,7 @@
 #include "platform/testing/temp_home.h"
 #include "platform/tests/xvfb_server.h"
 #include "transcript/chat_log.h"
+#include "transcript/end_of_chat.h"
 #include "transcript/process_flags.h"
 #include "transcript/tests/builders.h"
 
@@ -72,23 +73,22 @@ TEST_F(EndOfChatX11, OneToOneChats) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     xcb_window_t w = desktop_->AddWindow(c.wmClass, c.title);
-    EXPECT_EQ(Transcript(c.party, 1)->isLikelyEndOfChat(), c.ended);
+    EXPECT_EQ(isLikelyEndOfChat(*Transcript(c.party, 1)), c.ended);
     desktop_->RemoveWindow(w);
-    EXPECT_TRUE(Transcript(c.party, 1)->isLikelyEndOfChat()) << "window closed";
+    EXPECT_TRUE(isLikelyEndOfChat(*Transcript(c.party, 1))) << "window closed";
   }
 }
 
 TEST_F(EndOfChatX11, GroupChats) {
   ::testing::internal::CaptureStderr();
-  EXPECT_TRUE(Transcript(u"Anna", 2)->isLikelyEndOfChat());
+  EXPECT_TRUE(isLikelyEndOfChat(*Transcript(u"Anna", 2)));
   xcb_window_t other = desktop_->AddWindow("Firefox", "Chat with Anna");
-  EXPECT_TRUE(Transcript(u"Anna", 2)->isLikelyEndOfChat())
-      << "only the chat client's windows count";
+  EXPECT_TRUE(isLikelyEndOfChat(*Transcript(u"Anna", 2))) << "only the chat client's windows count";
   xcb_window_t list = desktop_->AddWindow("iChat", "Buddy List");
-  EXPECT_FALSE(Transcript(u"Anna", 2)->isLikelyEndOfChat());
+  EXPECT_FALSE(isLikelyEndOfChat(*Transcript(u"Anna", 2)));
   desktop_->RemoveWindow(list);
   desktop_->RemoveWindow(other);
-  EXPECT_TRUE(Transcript(u"Anna", 3)->isLikelyEndOfChat());
+  EXPECT_TRUE(isLikelyEndOfChat(*Transcript(u"Anna", 3)));
   std::string err = ::testing::internal::GetCapturedStderr();
   size_t lines = 0;
   for (size_t at = 0;
@@ -100,11 +100,11 @@ TEST_F(EndOfChatX11, GroupChats) {
 TEST_F(EndOfChatX11, NoDisplayMeansNotEnded) {
   unsetenv("DISPLAY");
   ::testing::internal::CaptureStderr();
-  EXPECT_FALSE(Transcript(u"Anna", 1)->isLikelyEndOfChat());
-  EXPECT_FALSE(Transcript(u"Anna", 2)->isLikelyEndOfChat());
+  EXPECT_FALSE(isLikelyEndOfChat(*Transcript(u"Anna", 1)));
+  EXPECT_FALSE(isLikelyEndOfChat(*Transcript(u"Anna", 2)));
   ::testing::internal::GetCapturedStderr();
   iChatRunning = false;
-  EXPECT_TRUE(Transcript(u"Anna", 2)->isLikelyEndOfChat());
+  EXPECT_TRUE(isLikelyEndOfChat(*Transcript(u"Anna", 2)));
 }
 
 }  // namespace

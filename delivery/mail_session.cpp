@@ -1,12 +1,14 @@
+#include "delivery/mail_session.h"
+
 #include <string>
 
 #include "delivery/cw_smtp.h"
+#include "delivery/mail_layout.h"
 #include "delivery/run_loop.h"
-#include "platform/dates.h"
 #include "platform/log.h"
 #include "platform/preferences.h"
+#include "platform/report_error.h"
 #include "platform/text.h"
-#include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
 namespace gab {
@@ -37,11 +39,11 @@ std::u16string ResponseAsUnits(const std::string& bytes) {
 
 }  // namespace
 
-bool ICLPChatLog::HandleEmailSending(CWSMTP& smtp) {
+bool MailSession::HandleEmailSending(CWSMTP& smtp) {
   smtp_ = &smtp;
-  mailTransmissionDone_ = false;
-  mailResult_ = false;
-  mailDelivered_ = false;
+  done_ = false;
+  result_ = false;
+  delivered_ = false;
   if (diagnosticLogging) NSLog("preparing to email with pantomime");
 
   smtp.setDelegate(CWSMTP::Delegate{
@@ -52,9 +54,9 @@ bool ICLPChatLog::HandleEmailSending(CWSMTP& smtp) {
       [this] { connectionTimedOut(); },
   });
 
-  if (smtp.connect() != 0) {
+  if (!smtp.connect()) {
     NSLog("Unable to connect to mail server.");
-    reportError(2, u"SMTP unreachable");
+    reportError(ErrorCode::kMail, u"SMTP unreachable");
     return true;
   }
 
@@ -64,24 +66,24 @@ bool ICLPChatLog::HandleEmailSending(CWSMTP& smtp) {
   loop.ScheduleTimer(
       1.0, [this, &smtp] { emailReady(smtp); }, &smtp);
 
-  while (!mailTransmissionDone_) {
+  while (!done_) {
     if (!keepRunning) {
       loop.CancelAll(&smtp);
       return true;
     }
     if (!loop.RunOnce()) {
       NSLog("Error waiting for email transmission runloop.");
-      reportError(4, u"runloop error");
-      mailTransmissionDone_ = true;
-      mailResult_ = true;
+      reportError(ErrorCode::kInternal, u"runloop error");
+      done_ = true;
+      result_ = true;
     }
   }
   // Nothing of this transfer may fire later, in someone else's wait.
   loop.CancelAll(&smtp);
-  return mailResult_;
+  return result_;
 }
 
-void ICLPChatLog::emailReady(CWSMTP& smtp) {
+void MailSession::emailReady(CWSMTP& smtp) {
   auto& prefs = Preferences::Shared();
   bool needsUsername = prefs.Int("emailNeedsUsername") != 0;
   std::string username = prefs.String("emailUsername").value_or("");
@@ -93,44 +95,48 @@ void ICLPChatLog::emailReady(CWSMTP& smtp) {
   }
 }
 
-void ICLPChatLog::authenticationCompleted() {
+void MailSession::authenticationCompleted() {
   if (smtp_) smtp_->sendMessage();
 }
 
-void ICLPChatLog::authenticationFailed() {
+void MailSession::authenticationFailed() {
   NSLog("The SMTP server rejected the username/password.");
-  reportError(3, u"login rejected");
-  mailTransmissionDone_ = true;
+  reportError(ErrorCode::kLogin, u"login rejected");
+  done_ = true;
 }
 
-void ICLPChatLog::messageSent() {
-  mailTransmissionDone_ = true;
-  mailDelivered_ = true;
+void MailSession::messageSent() {
+  done_ = true;
+  delivered_ = true;
 }
 
-void ICLPChatLog::messageNotSent() {
+void MailSession::messageNotSent() {
   NSLog("An error occurred while sending email:");
   std::u16string response = ResponseAsUnits(smtp_ ? smtp_->lastResponse() : std::string());
   NSLog(ToUtf8(response));
-  reportError(2, response);
-  mailTransmissionDone_ = true;
+  reportError(ErrorCode::kMail, response);
+  done_ = true;
 }
 
-void ICLPChatLog::connectionTimedOut() {
+void MailSession::connectionTimedOut() {
   NSLog("The attempt to send email timed out.");
-  reportError(2, u"server not responding");
-  mailTransmissionDone_ = true;
+  reportError(ErrorCode::kMail, u"server not responding");
+  done_ = true;
 }
 
-std::u16string ICLPChatLog::subjectForEmail() {
-  auto& prefs = Preferences::Shared();
-  bool unique = prefs.Bool("forceUniqueSubjects");
-  int64_t number = prefs.Int("subjectNumber");
-  if (!unique) return u"[IM] " + primaryOtherParty_;
-  // The counter only keeps count; the date and time make the subject unique.
-  prefs.SetAppValue("subjectNumber", PrefValue(number + 1));
-  prefs.AppSynchronize();
-  return u"[IM] " + primaryOtherParty_ + u" (" + ToUtf16(FormatDate(Date::Now(), "%c")) + u")";
+// A refused message ends the transfer through a callback too, so success is
+// what the server said, not HandleEmailSending's answer.
+bool MailTranscript(const ICLPChatLog& transcript, std::string* err) {
+  auto smtp = SMTPClientFor(TranscriptMail(transcript));
+  MailSession session;
+  bool stopped = session.HandleEmailSending(*smtp);
+  if (!stopped && session.mailDelivered()) return true;
+  if (err) {
+    auto& prefs = Preferences::Shared();
+    prefs.AppSynchronize();
+    *err = stopped && !keepRunning ? "interrupted" : prefs.String("reportThis").value_or("");
+  }
+  return false;
 }
 
 }  // namespace gab

@@ -20,15 +20,15 @@ CWMessage BuildMail(std::u16string_view subject, const std::optional<std::string
                     const std::optional<std::string>& to, std::u16string_view plain,
                     std::string html);
 
+// "[IM] " and the party; with "forceUniqueSubjects" on, the date and time
+// follow in parentheses (and "subjectNumber" counts up).
+std::u16string subjectForEmail(const ICLPChatLog& transcript);
+
 // A transcript's mail: subjectForEmail, PlainChatLog and HTMLChatLog, with
 // the addresses from the preferences.
-CWMessage TranscriptMail(ICLPChatLog& log);
+CWMessage TranscriptMail(const ICLPChatLog& transcript);
 
 // The client for the server the preferences name, holding the message.
 std::unique_ptr<CWSMTP> SMTPClientFor(CWMessage message);
-
-// Builds the transcript's mail and sends it through HandleEmailSending;
-// returns its result (false: the transfer ran to a callback).
-bool SendTranscriptMail(ICLPChatLog& log);
 
 }  // namespace gab

@@ -1,9 +1,10 @@
+#include "platform/report_error.h"
+
 #include <string>
 
 #include "platform/alert.h"
 #include "platform/preferences.h"
 #include "platform/text.h"
-#include "transcript/chat_log.h"
 
 namespace gab {
 
@@ -15,7 +16,7 @@ constexpr const char* kAlertText =
 
 // Hands the error to the user's tool through the preferences domain; the user
 // is alerted only when the error-chances counter stands at exactly 3.
-void ICLPChatLog::reportError(int code, std::u16string_view text) {
+void reportError(ErrorCode code, std::u16string_view text) {
   auto& prefs = Preferences::Shared();
   prefs.AppSynchronize();
   int32_t fails = prefs.Int("emailFails");
@@ -23,7 +24,7 @@ void ICLPChatLog::reportError(int code, std::u16string_view text) {
   prefs.SetAppValue("reportThis", PrefValue(ToUtf8(text)));
   prefs.AppSynchronize();
   if (fails != 3) return;
-  prefs.SetAppValue("errorStatus", PrefValue(int64_t(code)));
+  prefs.SetAppValue("errorStatus", PrefValue(int64_t(static_cast<int32_t>(code))));
   prefs.AppSynchronize();
   Beep();
   ShowAlert(kAlertText);

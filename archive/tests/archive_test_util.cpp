@@ -1,6 +1,7 @@
 #include "archive/tests/archive_test_util.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -11,7 +12,8 @@
 namespace gab::testing {
 
 std::string CorpusDir() {
-  std::string dir = GABFOLIO_SOURCE_DIR "/../shared/corpus";
+  const char* env = std::getenv("GABFOLIO_CORPUS");
+  std::string dir = env ? env : GABFOLIO_SOURCE_DIR "/../shared/corpus";
   return std::filesystem::is_directory(dir) ? dir : std::string();
 }
 

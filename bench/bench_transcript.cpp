@@ -6,8 +6,8 @@
 #include <string>
 
 #include "archive/testing/fixture_writer.h"
-#include "platform/testing/temp_home.h"
 #include "platform/text.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 
 namespace gab {

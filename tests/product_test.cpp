@@ -4,18 +4,33 @@
 // import over a folder of many transcripts.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "parser/processor.h"
 #include "parser/record.h"
 #include "parser/run_lock.h"
+#include "platform/files.h"
 #include "platform/plist.h"
 #include "platform/preferences.h"
-#include "platform/testing/temp_home.h"
+#include "testing/run_process.h"
+#include "testing/smtp_server.h"
+#include "testing/temp_home.h"
 #include "tests/fixtures/chats.h"
-#include "tests/product_harness.h"
 
 namespace gab::product {
 namespace {
+
+namespace fs = std::filesystem;
+using namespace testing;
+
+std::string ReadFile(const fs::path& p) {
+  return ReadWholeFile(p).value_or("");
+}
 
 using samples::Chat;
 using samples::ChatLine;
@@ -41,7 +56,7 @@ class ProductTest : public ::testing::Test {
   }
   Result Tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
-    return RunProgram(args, home() / ".logs");
+    return RunProgram(args);
   }
   parser::Record Record() const { return parser::LoadRecord((lib() / "processed.plist").string()); }
   std::optional<parser::State> StateOf(const Chat& c) const {
@@ -92,32 +107,32 @@ Chat Conversation(const std::string& party, double start, int lines, int links, 
   return c;
 }
 
-std::vector<std::string> Subjects(const SmtpSink& sink) {
+std::vector<std::string> Subjects(const SmtpServer& sink) {
   std::vector<std::string> out;
-  for (const auto& m : sink.Messages()) out.push_back(Header(m, "Subject"));
+  for (int n = 1; n <= sink.MessageCount(); ++n) out.push_back(sink.Message(n, "subject"));
   return out;
 }
 
 TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
-  SmtpSink sink(home() / "sink");
-  ASSERT_TRUE(sink.Start());
+  SmtpServer sink;
+  ASSERT_NE(sink.port(), 0);
   Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
                    "me@example.org", "--from", "gabfolio@example.org", "--no-login", "--no-test"});
   ASSERT_EQ(r.status, 0) << r.err;
 
-  Process agent({kAgent}, home() / ".logs", "agent", {"GABFOLIO_MAIL_RETRY_SECONDS=0"});
+  Process agent({kAgent}, {"GABFOLIO_MAIL_RETRY_SECONDS=0"});
   auto log = [&] { return agent.err() + agent.out(); };
   ASSERT_TRUE(WaitFor([&] { return fs::exists(lib() / "pidfile"); }, 10)) << log();
   // The first start greets the user.
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 1; }, 15)) << log();
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 1; }, 15)) << log();
   EXPECT_EQ(Subjects(sink)[0], "[IM] Welcome to Gabfolio!");
 
   // Copied in: mailed with both parts, gathered, counted.
   Chat anna = Conversation("Anna", kMarch2005, 6, 2, 1, true);
   CopyIn(anna);
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 2; })) << log();
-  std::string mail = sink.Messages()[1];
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 2; })) << log();
+  std::string mail = sink.Message(2, "raw");
   EXPECT_EQ(Header(mail, "Subject"), "[IM] Anna");
   EXPECT_NE(Header(mail, "Content-Type").find("multipart/alternative"), std::string::npos);
   EXPECT_NE(mail.find("Content-Type: text/plain"), std::string::npos);
@@ -137,7 +152,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   // Renamed in, the older format.
   Chat bo = Conversation("Bo", kMarch2005 + 86400, 4, 1, 0, false);
   RenameIn(bo);
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 3; })) << log();
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 3; })) << log();
   EXPECT_EQ(Subjects(sink)[2], "[IM] Bo");
   ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 2; })) << log();
   EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == 3u; })) << Lines("links.txt");
@@ -148,7 +163,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   grown.lines[6].links = {"http://example.org/Anna/late"};
   grown.lines[7].attachments = {{"late.png", samples::PngImage(3, 4)}};
   RenameIn(grown);
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 4; })) << log();
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 4; })) << log();
   EXPECT_EQ(Subjects(sink)[3], "[IM] Anna");
   ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 3; })) << log();
   EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == 4u; })) << Lines("links.txt");
@@ -173,7 +188,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   ASSERT_TRUE(sink.Start());
   Chat di = Conversation("Di", kMarch2005 + 3 * 86400, 3, 0, 0, true);
   RenameIn(di);
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 6; })) << log();
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 6; })) << log();
   auto subjects = Subjects(sink);
   std::sort(subjects.begin() + 4, subjects.end());
   EXPECT_EQ(subjects[4], "[IM] Cy");
@@ -185,7 +200,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   agent.Signal(SIGTERM);
   EXPECT_EQ(agent.Wait(10), 0);
   EXPECT_FALSE(fs::exists(lib() / "pidfile"));
-  EXPECT_EQ(sink.Messages().size(), 6u);
+  EXPECT_EQ(sink.MessageCount(), 6);
 }
 
 TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
@@ -209,7 +224,7 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   }
 
   // Stopped part-way (as with Ctrl-C) ...
-  Process first({kTool, "import", old.string()}, home() / ".logs", "import1");
+  Process first({kTool, "import", old.string()});
   std::this_thread::sleep_for(std::chrono::milliseconds(700));
   first.Signal(SIGINT);
   auto st = first.Wait(120);
@@ -249,7 +264,7 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   // Moved into the transcript folder afterwards, they are not new to the
   // parser either.
   fs::rename(old / "2004", chats() / "2004");
-  Result parse = RunProgram({kParser, kParser}, home() / ".logs");
+  Result parse = RunProgram({kParser, kParser});
   EXPECT_EQ(parse.status, 0) << parse.err;
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == kCount; })) << Statistic("chatcount");
   EXPECT_EQ(parse.err.find("Processed"), std::string::npos) << parse.err;
@@ -262,7 +277,7 @@ TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   // A held lock makes a second run wait; when the holder ends it goes on.
   parser::RunLock lock;
   ASSERT_TRUE(lock.Acquire(parser::LockPath(lib().string()), 0));
-  Process waiting({kParser, kParser}, home() / ".logs", "parser-waiting");
+  Process waiting({kParser, kParser});
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_FALSE(fs::exists(lib() / "processed.plist")) << "ran while the lock was held";
   lock.Release();
@@ -270,7 +285,7 @@ TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == 5; })) << Statistic("chatcount");
 
   std::string before = ReadFile(lib() / "processed.plist");
-  Result again = RunProgram({kParser, kParser}, home() / ".logs");
+  Result again = RunProgram({kParser, kParser});
   EXPECT_EQ(again.status, 0);
   EXPECT_EQ(again.err, "");
   EXPECT_EQ(ReadFile(lib() / "processed.plist"), before);

@@ -1,13 +1,28 @@
 // gabfolio setup and gabfolio service, run as the user would run them.
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "platform/files.h"
 #include "platform/preferences.h"
-#include "platform/testing/temp_home.h"
-#include "tests/product_harness.h"
+#include "testing/run_process.h"
+#include "testing/smtp_server.h"
+#include "testing/temp_home.h"
 
 namespace gab::product {
 namespace {
+
+namespace fs = std::filesystem;
+using namespace testing;
+
+std::string ReadFile(const fs::path& p) {
+  return ReadWholeFile(p).value_or("");
+}
 
 class SetupTest : public ::testing::Test {
  protected:
@@ -24,7 +39,7 @@ class SetupTest : public ::testing::Test {
   }
   Result Tool(std::vector<std::string> args, std::optional<std::string> input = {}) {
     args.insert(args.begin(), kTool);
-    return RunProgram(args, home() / ".logs", {}, input);
+    return RunProgram(args, {}, input);
   }
 
   testing::TempHome home_;
@@ -114,13 +129,13 @@ TEST_F(SetupTest, UsageErrorsAndHelp) {
 
 TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
-  SmtpSink sink(home() / "sink");
-  ASSERT_TRUE(sink.Start());
+  SmtpServer sink;
+  ASSERT_NE(sink.port(), 0);
   Result r = Tool({"setup", "--server", "127.0.0.1", "--port", std::to_string(sink.port()), "--to",
                    "me@example.org", "--from", "gabfolio@example.org", "--no-login"});
   ASSERT_EQ(r.status, 0) << r.out << r.err;
-  ASSERT_TRUE(WaitFor([&] { return sink.Messages().size() == 1; }, 10));
-  std::string mail = sink.Messages()[0];
+  ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 1; }, 10));
+  std::string mail = sink.Message(1, "raw");
   EXPECT_EQ(Header(mail, "Subject"), "[IM] Gabfolio setup test");
   EXPECT_NE(Header(mail, "To").find("me@example.org"), std::string::npos);
   EXPECT_NE(mail.find("multipart/alternative"), std::string::npos);
@@ -146,7 +161,7 @@ TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
   std::string path = "PATH=" + bin.string() + ":/usr/bin:/bin";
   fs::path unit = home() / ".config/systemd/user/gabfolio-agent.service";
 
-  Result r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
+  Result r = RunProgram({kTool, "service", "install"}, {path});
   ASSERT_EQ(r.status, 0) << r.err;
   std::string text = ReadFile(unit);
   EXPECT_NE(text.find("ExecStart=" + fs::canonical(kAgent).string() + "\n"), std::string::npos)
@@ -155,13 +170,13 @@ TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
   EXPECT_EQ(ReadFile(home() / "systemctl.log"),
             "--user daemon-reload\n--user enable --now gabfolio-agent.service\n");
 
-  r = RunProgram({kTool, "service", "uninstall"}, home() / ".logs", {path});
+  r = RunProgram({kTool, "service", "uninstall"}, {path});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_FALSE(fs::exists(unit));
 
   // systemctl failing (no user session) is an error the user hears about.
   std::ofstream(bin / "systemctl") << "#!/bin/sh\nexit 1\n";
-  r = RunProgram({kTool, "service", "install"}, home() / ".logs", {path});
+  r = RunProgram({kTool, "service", "install"}, {path});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("systemctl --user failed"), std::string::npos);
 }

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,53 +10,35 @@
 #include <fstream>
 #include <vector>
 
-#include "agent/tests/test_support.h"
+#include "platform/files.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace test;
+using namespace testing;
+
+std::string Home() {
+  return ProcessHome().path();
+}
+std::string Slurp(const std::string& path) {
+  return ReadWholeFile(path).value_or("");
+}
 
 constexpr const char* kStart = "*****START***** Activity in log folder, scanning...";
 constexpr const char* kFinish = "*****FINISH***** All logs scanned.";
 
-// The real agent, started with the test's home; its output goes to files.
-struct Agent {
-  pid_t pid = -1;
-  std::string out = Home() + "/agent.out";
-  std::string err = Home() + "/agent.err";
-
-  explicit Agent(const std::vector<std::string>& args) {
-    std::vector<std::string> argv = {GABFOLIO_AGENT_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
-    pid = fork();
-    if (pid == 0) {
-      int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(o, 1);
-      dup2(e, 2);
-      std::vector<char*> cargv;
-      for (auto& a : argv) cargv.push_back(a.data());
-      cargv.push_back(nullptr);
-      execv(cargv[0], cargv.data());
-      _exit(127);
-    }
+// The real agent in the process's home.
+struct Agent : Process {
+  explicit Agent(std::vector<std::string> args) : Process(With(kAgent, std::move(args))) {}
+  static std::vector<std::string> With(std::string first, std::vector<std::string> rest) {
+    rest.insert(rest.begin(), std::move(first));
+    return rest;
   }
-  // Waits up to `seconds`; the wait status, or -1 when it is still running.
-  int Wait(double seconds = 10) {
-    int status = -1;
-    WaitFor([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds);
-    return status;
-  }
-  std::string Out() const { return Slurp(out); }
-  std::string Err() const { return Slurp(err); }
-  std::string PidFile() const { return DataDir() + "/pidfile"; }
+  std::string PidFile() const { return ProcessHome().data() + "/pidfile"; }
 };
-
-bool Exited0(int status) {
-  return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 TEST(AgentProcess, DebugOnlyForExactlyTheOneArgument) {
   struct Case {
@@ -69,62 +52,62 @@ TEST(AgentProcess, DebugOnlyForExactlyTheOneArgument) {
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));
     // Without the transcript folder the watch gives up at once.
-    ResetHome(true, false);
+    ProcessHome().Reset(true, false);
     Agent agent(c.args);
-    int status = agent.Wait();
-    ASSERT_TRUE(Exited0(status)) << status;
+    ASSERT_EQ(agent.Wait(), 0);
     if (c.pass) {
-      EXPECT_EQ(agent.Out(), "exited\n");
-      EXPECT_EQ(CountOf(agent.Err(), kStart), 1);
-      EXPECT_EQ(CountOf(agent.Err(), kFinish), 1);
+      EXPECT_EQ(agent.out(), "exited\n");
+      EXPECT_EQ(CountOf(agent.err(), kStart), 1);
+      EXPECT_EQ(CountOf(agent.err(), kFinish), 1);
     } else {
-      EXPECT_EQ(agent.Out(), "Unable to attach to log folder.\nexited\n");
-      EXPECT_EQ(CountOf(agent.Err(), kStart), 0);
+      EXPECT_EQ(agent.out(), "Unable to attach to log folder.\nexited\n");
+      EXPECT_EQ(CountOf(agent.err(), kStart), 0);
     }
     EXPECT_FALSE(fs::exists(agent.PidFile()));
   }
 }
 
 TEST(AgentProcess, PidFileHoldsTheDecimalPidOnly) {
-  ResetHome();
-  std::ofstream(TranscriptDir() + "/a.chat") << "x";
-  std::string parser = WriteScript(
+  ProcessHome().Reset();
+  std::ofstream(ProcessHome().transcripts() + "/a.chat") << "x";
+  std::string parser = ProcessHome().WriteScript(
       "parser.sh",
       "cat \"$HOME/Library/Gabfolio/pidfile\" > \"$HOME/pidcopy\"\necho $PPID > \"$HOME/ppid\"");
   WritePrefs({{"parserPath", PrefValue(parser)}});
   Agent agent({"-debug"});
-  ASSERT_TRUE(Exited0(agent.Wait()));
-  EXPECT_EQ(Slurp(Home() + "/pidcopy"), std::to_string(agent.pid));
-  EXPECT_EQ(Slurp(Home() + "/ppid"), std::to_string(agent.pid) + "\n");
+  ASSERT_EQ(agent.Wait(), 0);
+  EXPECT_EQ(Slurp(Home() + "/pidcopy"), std::to_string(agent.pid()));
+  EXPECT_EQ(Slurp(Home() + "/ppid"), std::to_string(agent.pid()) + "\n");
   EXPECT_FALSE(fs::exists(agent.PidFile()));
 }
 
 TEST(AgentProcess, PidFileIsNeverWrittenThroughALink) {
-  ResetHome(true, false);
+  ProcessHome().Reset(true, false);
   std::string target = Home() + "/target";
   std::ofstream(target) << "keep";
-  fs::create_symlink(target, DataDir() + "/pidfile");
+  fs::create_symlink(target, ProcessHome().data() + "/pidfile");
   Agent agent({});
-  ASSERT_TRUE(Exited0(agent.Wait()));
+  ASSERT_EQ(agent.Wait(), 0);
   EXPECT_EQ(Slurp(target), "keep");
 }
 
 TEST(AgentProcess, MissingDataFolderIsSaidAndTheAgentRunsOn) {
-  ResetHome(false, false);
+  ProcessHome().Reset(false, false);
   Agent agent({"-debug"});
-  ASSERT_TRUE(Exited0(agent.Wait()));
-  std::string pidPath = DataDir() + "/pidfile";
-  EXPECT_EQ(agent.Out(), "The data folder " + DataDir() + " does not exist; no pidfile written.\n" +
-                             "pidfile at " + pidPath + " does not exist!\nexited\n");
-  EXPECT_EQ(CountOf(agent.Err(), kFinish), 1);
-  EXPECT_FALSE(fs::exists(DataDir()));
+  ASSERT_EQ(agent.Wait(), 0);
+  std::string pidPath = ProcessHome().data() + "/pidfile";
+  EXPECT_EQ(agent.out(), "The data folder " + ProcessHome().data() +
+                             " does not exist; no pidfile written.\n" + "pidfile at " + pidPath +
+                             " does not exist!\nexited\n");
+  EXPECT_EQ(CountOf(agent.err(), kFinish), 1);
+  EXPECT_FALSE(fs::exists(ProcessHome().data()));
 }
 
 TEST(AgentProcess, WelcomeStepRunsOnceAndIsMarkedWhateverItDid) {
-  ResetHome(true, false);
+  ProcessHome().Reset(true, false);
   WritePrefs({{"sendEmails", PrefValue(false)}});
   Agent first({});
-  ASSERT_TRUE(Exited0(first.Wait()));
+  ASSERT_EQ(first.Wait(), 0);
   EXPECT_EQ(ReadPref("sentWelcomeEmail"), std::optional<PrefValue>(true));
   EXPECT_EQ(ReadPref("sendEmails"), std::optional<PrefValue>(false));
 
@@ -133,7 +116,7 @@ TEST(AgentProcess, WelcomeStepRunsOnceAndIsMarkedWhateverItDid) {
   }, after{};
   ASSERT_EQ(stat(PrefsPath().c_str(), &before), 0);
   Agent second({});
-  ASSERT_TRUE(Exited0(second.Wait()));
+  ASSERT_EQ(second.Wait(), 0);
   ASSERT_EQ(stat(PrefsPath().c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
 }
@@ -141,20 +124,22 @@ TEST(AgentProcess, WelcomeStepRunsOnceAndIsMarkedWhateverItDid) {
 // SIGTERM and SIGQUIT end the agent at once with status 0 and no pid file,
 // and leave a running parser alone.
 TEST(AgentProcess, TerminationSignalsDuringAPass) {
+  // The orphaned parser is re-parented to this process, to be reaped here.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   for (int sig : {SIGTERM, SIGQUIT}) {
     SCOPED_TRACE(strsignal(sig));
-    ResetHome();
-    std::ofstream(TranscriptDir() + "/a.chat") << "x";
-    std::string parser = WriteScript("parser.sh", "echo $$ > \"$HOME/parser.pid\"\nexec sleep 20");
+    ProcessHome().Reset();
+    std::ofstream(ProcessHome().transcripts() + "/a.chat") << "x";
+    std::string parser =
+        ProcessHome().WriteScript("parser.sh", "echo $$ > \"$HOME/parser.pid\"\nexec sleep 20");
     WritePrefs({{"parserPath", PrefValue(parser)}});
     Agent agent({"-debug"});
     ASSERT_TRUE(WaitFor([] { return !Slurp(Home() + "/parser.pid").empty(); }, 10));
     ASSERT_TRUE(fs::exists(agent.PidFile()));
-    kill(agent.pid, sig);
-    int status = agent.Wait();
-    EXPECT_TRUE(Exited0(status)) << status;
+    kill(agent.pid(), sig);
+    EXPECT_EQ(agent.Wait(), 0);
     EXPECT_FALSE(fs::exists(agent.PidFile()));
-    EXPECT_EQ(agent.Out(), "");
+    EXPECT_EQ(agent.out(), "");
     pid_t parserPid = std::stoi(Slurp(Home() + "/parser.pid"));
     EXPECT_EQ(kill(parserPid, 0), 0) << "the parser was killed";
     kill(parserPid, SIGKILL);
@@ -170,44 +155,44 @@ TEST(AgentProcess, SignalsWhileWatching) {
   for (auto c : {Case{SIGTERM, false}, Case{SIGTERM, true}, Case{SIGINT, false}}) {
     SCOPED_TRACE(::testing::Message()
                  << strsignal(c.sig) << (c.removePidFileFirst ? " no pidfile" : ""));
-    ResetHome();
+    ProcessHome().Reset();
     Agent agent({});
     // The welcome flag is stored after the handlers are installed.
     ASSERT_TRUE(WaitFor([] { return BoolValue(ReadPref("sentWelcomeEmail")); }, 10));
     ASSERT_TRUE(fs::exists(agent.PidFile()));
     if (c.removePidFileFirst) fs::remove(agent.PidFile());
-    kill(agent.pid, c.sig);
-    int status = agent.Wait();
+    kill(agent.pid(), c.sig);
+    auto status = agent.Wait();
     if (c.sig == SIGINT) {
       // Default action: the process dies of the signal and the file stays.
-      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+      EXPECT_EQ(status, 128 + SIGINT);
       EXPECT_TRUE(fs::exists(agent.PidFile()));
       continue;
     }
-    EXPECT_TRUE(Exited0(status)) << status;
+    EXPECT_EQ(status, 0);
     EXPECT_FALSE(fs::exists(agent.PidFile()));
-    EXPECT_EQ(agent.Out(),
+    EXPECT_EQ(agent.out(),
               c.removePidFileFirst ? "pidfile at " + agent.PidFile() + " does not exist!\n" : "");
   }
 }
 
 TEST(AgentProcess, WatchRunsAPassSoonAfterAFileArrives) {
-  ResetHome();
-  std::string parser = WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
+  ProcessHome().Reset();
+  std::string parser = ProcessHome().WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
   WritePrefs({{"parserPath", PrefValue(parser)}});
   Agent agent({});
   ASSERT_TRUE(WaitFor([] { return BoolValue(ReadPref("sentWelcomeEmail")); }, 10));
   usleep(300 * 1000);  // the watch is registered right after
   EXPECT_EQ(Slurp(Home() + "/runs"), "");
-  std::ofstream(TranscriptDir() + "/new.chat") << "x";
+  std::ofstream(ProcessHome().transcripts() + "/new.chat") << "x";
   EXPECT_TRUE(WaitFor([] { return !Slurp(Home() + "/runs").empty(); }, 3));
   // A write into the file is no folder change: no further pass.
-  std::ofstream(TranscriptDir() + "/new.chat", std::ios::app) << "more";
+  std::ofstream(ProcessHome().transcripts() + "/new.chat", std::ios::app) << "more";
   usleep(1500 * 1000);
   EXPECT_EQ(Slurp(Home() + "/runs"), "run\n");
-  EXPECT_EQ(CountOf(agent.Err(), kStart), 1);
-  kill(agent.pid, SIGTERM);
-  EXPECT_TRUE(Exited0(agent.Wait()));
+  EXPECT_EQ(CountOf(agent.err(), kStart), 1);
+  kill(agent.pid(), SIGTERM);
+  EXPECT_EQ(agent.Wait(), 0);
 }
 
 }  // namespace

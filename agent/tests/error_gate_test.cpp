@@ -1,14 +1,16 @@
 #include <gtest/gtest.h>
 
 #include "agent/agent.h"
-#include "agent/tests/test_support.h"
+#include "platform/files.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
 
 using internal::ApplyErrorGate;
 using internal::GatePoint;
-using namespace test;
+using namespace testing;
 
 TEST(ErrorGate, EveryCellOfTheTable) {
   struct Cell {

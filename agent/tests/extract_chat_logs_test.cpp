@@ -5,17 +5,33 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "agent/agent.h"
-#include "agent/tests/test_support.h"
+#include "platform/files.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 #include "transcript/process_flags.h"
 
 namespace gab {
 namespace {
 
 namespace fs = std::filesystem;
-using namespace test;
+using namespace testing;
+
+std::string Home() {
+  return ProcessHome().path();
+}
+std::string Slurp(const std::string& path) {
+  return ReadWholeFile(path).value_or("");
+}
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string line; std::getline(in, line);) out.push_back(line);
+  return out;
+}
 
 constexpr const char* kStart = "*****START***** Activity in log folder, scanning...";
 constexpr const char* kFinish = "*****FINISH***** All logs scanned.";
@@ -32,14 +48,15 @@ std::string Pass(int limit = kParserTimeLimit) {
 }
 
 TEST(ProcessingPass, OneParserRunPerEntryWithItsOwnPathAsOnlyArgument) {
-  ResetHome();
+  ProcessHome().Reset();
   // The parser records its arguments and environment.
-  std::string parser =
-      WriteScript("parser.sh", "printf '%s|%s|%s\\n' \"$0\" \"$#\" \"$HOME\" >> \"$HOME/runs\"");
-  for (const char* name : {"a.chat", "b.ichat", "c.txt"}) Touch(TranscriptDir() + "/" + name);
-  fs::create_directories(TranscriptDir() + "/Old");
-  Touch(TranscriptDir() + "/Old/d.chat");
-  Touch(TranscriptDir() + "/Old/e.chat");
+  std::string parser = ProcessHome().WriteScript(
+      "parser.sh", "printf '%s|%s|%s\\n' \"$0\" \"$#\" \"$HOME\" >> \"$HOME/runs\"");
+  for (const char* name : {"a.chat", "b.ichat", "c.txt"})
+    Touch(ProcessHome().transcripts() + "/" + name);
+  fs::create_directories(ProcessHome().transcripts() + "/Old");
+  Touch(ProcessHome().transcripts() + "/Old/d.chat");
+  Touch(ProcessHome().transcripts() + "/Old/e.chat");
   WritePrefs({{"parserPath", PrefValue(parser)}});
 
   std::string log = Pass();
@@ -56,8 +73,8 @@ TEST(ProcessingPass, OneParserRunPerEntryWithItsOwnPathAsOnlyArgument) {
 TEST(ProcessingPass, EmptyOrMissingFolderRunsNothingButFinishes) {
   for (bool folder : {true, false}) {
     SCOPED_TRACE(folder ? "empty folder" : "no folder");
-    ResetHome(true, folder);
-    std::string parser = WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
+    ProcessHome().Reset(true, folder);
+    std::string parser = ProcessHome().WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
     WritePrefs({{"parserPath", PrefValue(parser)}});
     std::string log = Pass();
     EXPECT_EQ(Slurp(Home() + "/runs"), "");
@@ -71,9 +88,9 @@ TEST(ProcessingPass, ParserThatCannotStartIsSkippedQuietly) {
                                               std::string("/etc/hostname")};
   for (const auto& path : paths) {
     SCOPED_TRACE(path.value_or("(absent)"));
-    ResetHome();
-    Touch(TranscriptDir() + "/a.chat");
-    Touch(TranscriptDir() + "/b.chat");
+    ProcessHome().Reset();
+    Touch(ProcessHome().transcripts() + "/a.chat");
+    Touch(ProcessHome().transcripts() + "/b.chat");
     if (path)
       WritePrefs({{"parserPath", PrefValue(*path)}});
     else
@@ -102,10 +119,11 @@ TEST(ProcessingPass, TimeOutKillsTheParserAndReports) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << "emailFails " << c.emailFails);
-    ResetHome();
-    Touch(TranscriptDir() + "/a.chat");
-    Touch(TranscriptDir() + "/b.chat");
-    std::string parser = WriteScript("slow.sh", "echo $$ >> \"$HOME/runs\"\nexec sleep 30");
+    ProcessHome().Reset();
+    Touch(ProcessHome().transcripts() + "/a.chat");
+    Touch(ProcessHome().transcripts() + "/b.chat");
+    std::string parser =
+        ProcessHome().WriteScript("slow.sh", "echo $$ >> \"$HOME/runs\"\nexec sleep 30");
     WritePrefs(
         {{"parserPath", PrefValue(parser)}, {"emailFails", PrefValue(int64_t(c.emailFails))}});
     std::string log = Pass(1);
@@ -124,9 +142,10 @@ TEST(ProcessingPass, TimeOutKillsTheParserAndReports) {
 }
 
 TEST(ProcessingPass, StopsAtOnceWhenKeepRunningIsCleared) {
-  ResetHome();
-  for (const char* name : {"a", "b", "c"}) Touch(TranscriptDir() + "/" + name);
-  std::string parser = WriteScript("parser.sh", "echo run >> \"$HOME/runs\"\nsleep 0.3");
+  ProcessHome().Reset();
+  for (const char* name : {"a", "b", "c"}) Touch(ProcessHome().transcripts() + "/" + name);
+  std::string parser =
+      ProcessHome().WriteScript("parser.sh", "echo run >> \"$HOME/runs\"\nsleep 0.3");
   WritePrefs({{"parserPath", PrefValue(parser)}});
   std::thread clearer([] {
     WaitFor([] { return !Slurp(Home() + "/runs").empty(); }, 10);
@@ -140,9 +159,9 @@ TEST(ProcessingPass, StopsAtOnceWhenKeepRunningIsCleared) {
 }
 
 TEST(ProcessingPass, UsedUpErrorChancesWithTimeoutCodeDoNothing) {
-  ResetHome();
-  Touch(TranscriptDir() + "/a.chat");
-  std::string parser = WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
+  ProcessHome().Reset();
+  Touch(ProcessHome().transcripts() + "/a.chat");
+  std::string parser = ProcessHome().WriteScript("parser.sh", "echo run >> \"$HOME/runs\"");
   WritePrefs({{"parserPath", PrefValue(parser)},
               {"errorStatus", PrefValue(int64_t(4))},
               {"emailFails", PrefValue(int64_t(3))}});

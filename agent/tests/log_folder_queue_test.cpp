@@ -10,14 +10,16 @@
 #include <vector>
 
 #include "agent/agent.h"
-#include "agent/tests/test_support.h"
+#include "platform/files.h"
 #include "platform/folder_watch.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 #include "transcript/process_flags.h"
 
 namespace gab {
 namespace {
 
-using namespace test;
+using namespace testing;
 
 // Plays back scripted kevent results, then clears keepRunning.
 class ScriptedSource : public FolderEventSource {
@@ -112,7 +114,7 @@ TEST(LogFolderQueue, FlagRulesAndTheStaleRecord) {
 }
 
 TEST(LogFolderQueue, SynchronisesPreferencesEveryCycle) {
-  ResetHome();
+  ProcessHome().Reset();
   WritePrefs({{"errorStatus", PrefValue(int64_t(1))}});
   auto& shared = Preferences::Shared();
   shared.AppSynchronize();
@@ -128,26 +130,27 @@ TEST(LogFolderQueue, SynchronisesPreferencesEveryCycle) {
 // With the real inotify source: changes made while a pass runs collapse into
 // one further pass; a change inside a subfolder starts none.
 TEST(LogFolderQueue, ChangesDuringAPassBecomeOneMorePass) {
-  ResetHome();
-  std::filesystem::create_directories(TranscriptDir() + "/Old");
-  int fd = open(TranscriptDir().c_str(), O_RDONLY | O_CLOEXEC);
+  ProcessHome().Reset();
+  std::filesystem::create_directories(ProcessHome().transcripts() + "/Old");
+  int fd = open(ProcessHome().transcripts().c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);
-  auto source = InotifyFolderSource::Create(fd, TranscriptDir());
+  auto source = InotifyFolderSource::Create(fd, ProcessHome().transcripts());
   ASSERT_TRUE(source);
   int passes = 0;
   std::thread changer([] {
     usleep(300 * 1000);  // the watch is registered in its first cycle
-    std::ofstream(TranscriptDir() + "/Old/inside.chat") << "x";
+    std::ofstream(ProcessHome().transcripts() + "/Old/inside.chat") << "x";
     usleep(1200 * 1000);
-    std::ofstream(TranscriptDir() + "/first.chat") << "x";
+    std::ofstream(ProcessHome().transcripts() + "/first.chat") << "x";
     usleep(2500 * 1000);
     keepRunning = 0;
   });
   internal::WatchLoop(*source, fd, [&] {
     if (++passes == 1) {
       for (const char* name : {"/a.chat", "/b.chat", "/c.chat"})
-        std::ofstream(TranscriptDir() + name) << "x";
-      std::filesystem::rename(TranscriptDir() + "/a.chat", TranscriptDir() + "/d.chat");
+        std::ofstream(ProcessHome().transcripts() + name) << "x";
+      std::filesystem::rename(ProcessHome().transcripts() + "/a.chat",
+                              ProcessHome().transcripts() + "/d.chat");
     }
   });
   changer.join();

@@ -14,17 +14,17 @@
 #include <thread>
 #include <vector>
 
-#include "agent/tests/test_support.h"
 #include "platform/alert.h"
-#include "platform/tests/alert_test_bus.h"
+#include "platform/files.h"
 #include "platform/text.h"
+#include "testing/run_process.h"
+#include "testing/session_bus.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
 
-using namespace test;
-using test::NotificationServer;
-using test::SessionBus;
+using namespace testing;
 
 TEST(ReportError, StoresTheReportAndSetsTheCodeOnlyAtThreeFails) {
   struct Case {
@@ -45,7 +45,7 @@ TEST(ReportError, StoresTheReportAndSetsTheCodeOnlyAtThreeFails) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::Message() << "emailFails " << c.emailFails.value_or(-1));
-    ResetHome();
+    ProcessHome().Reset();
     std::map<std::string, PrefValue> prefs = {{"errorStatus", PrefValue(int64_t(1))}};
     if (c.emailFails) prefs["emailFails"] = PrefValue(int64_t(*c.emailFails));
     WritePrefs(prefs);
@@ -62,7 +62,7 @@ TEST(ReportError, StoresTheReportAndSetsTheCodeOnlyAtThreeFails) {
 }
 
 TEST(ReportError, TwoReportsInARowKeepTheSecondText) {
-  ResetHome();
+  ProcessHome().Reset();
   WritePrefs({});
   reportError(ErrorCode::kFileSystem, u"permissions");
   reportError(ErrorCode::kMail, u"Gr\u00fc\u00dfe 550 mailbox unavailable");
@@ -79,14 +79,12 @@ TEST(ReportError, AlertReachesTheNotificationServer) {
   ASSERT_FALSE(bus.address().empty());
   NotificationServer server(bus.address());
   ASSERT_TRUE(server.ready());
-  ResetHome();
+  ProcessHome().Reset();
   WritePrefs({{"emailFails", PrefValue(int64_t(3))}});
   setenv("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str(), 1);
   reportError(ErrorCode::kMail, u"SMTP unreachable");
-  bool arrived = WaitFor([&] { return !server.Received().empty(); }, 5);
+  auto received = server.Received(1);
   setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/gabfolio-test-bus", 1);
-  ASSERT_TRUE(arrived);
-  auto received = server.Received();
   ASSERT_EQ(received.size(), 1u);
   EXPECT_EQ(received[0].summary, "Gabfolio");
   EXPECT_EQ(received[0].body,

@@ -1,27 +1,25 @@
-// What arrives at the server: the welcome mail and a transcript's mail, and
-// the agent's first start sending the welcome mail.
+// What arrives at the server: the welcome mail and a transcript's mail.
 #include "delivery/mail_layout.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <filesystem>
 #include <regex>
 
 #include "delivery/cw_smtp.h"
 #include "delivery/mail_session.h"
-#include "delivery/tests/smtp_fixture.h"
-#include "delivery/tests/test_home.h"
 #include "delivery/welcome_email.h"
 #include "platform/text.h"
+#include "testing/smtp_server.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 
 namespace gab {
 namespace {
 
+using testing::Header;
+using testing::ReadPref;
 using testing::ResetPrefs;
 using testing::SmtpServer;
-using testing::StoredPref;
 
 class MailLayoutTest : public ::testing::Test {
  protected:
@@ -31,30 +29,6 @@ class MailLayoutTest : public ::testing::Test {
   }
   void TearDown() override { CWSMTP::SetDefaultTimeout(60.0); }
 };
-
-// The header block of a raw message, unfolded, one "Name: value" a line.
-std::vector<std::string> Headers(const std::string& raw) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  while (pos < raw.size()) {
-    size_t end = raw.find("\r\n", pos);
-    if (end == std::string::npos || end == pos) break;
-    std::string line = raw.substr(pos, end - pos);
-    if ((line[0] == ' ' || line[0] == '\t') && !out.empty()) {
-      out.back() += line;
-    } else {
-      out.push_back(line);
-    }
-    pos = end + 2;
-  }
-  return out;
-}
-
-std::string Header(const std::vector<std::string>& headers, const std::string& name) {
-  for (const auto& h : headers)
-    if (h.rfind(name + ": ", 0) == 0) return h.substr(name.size() + 2);
-  return "<absent>";
-}
 
 std::map<std::string, PrefValue> MailPrefs(int port) {
   return {{"sendEmails", true},
@@ -68,10 +42,9 @@ std::map<std::string, PrefValue> MailPrefs(int port) {
 // HTML, the HTML in UTF-8.
 void ExpectLayout(const SmtpServer& server, const std::string& plainCharset) {
   std::string raw = server.Message(1, "raw");
-  auto headers = Headers(raw);
-  EXPECT_EQ(Header(headers, "MIME-Version"), "1.0");
+  EXPECT_EQ(Header(raw, "MIME-Version"), "1.0");
   std::smatch m;
-  std::string type = Header(headers, "Content-Type");
+  std::string type = Header(raw, "Content-Type");
   ASSERT_TRUE(std::regex_match(
       type, m, std::regex(R"re(multipart/alternative; charset="utf-8";\tboundary="([^"]+)")re")))
       << type;
@@ -89,18 +62,18 @@ void ExpectLayout(const SmtpServer& server, const std::string& plainCharset) {
   EXPECT_EQ(server.Message(1, "part-1.charset"), "utf-8");
   EXPECT_EQ(server.Message(1, "mail_from"), "gabfolio@example.org");
   EXPECT_EQ(server.Message(1, "rcpt_tos"), "zoe@example.org");
-  EXPECT_EQ(Header(headers, "From"), "<gabfolio@example.org>");
-  EXPECT_EQ(Header(headers, "To"), "=?utf-8?B?Wm/DqyBFeGFtcGxl?= <zoe@example.org>");
+  EXPECT_EQ(Header(raw, "From"), "<gabfolio@example.org>");
+  EXPECT_EQ(Header(raw, "To"), "=?utf-8?B?Wm/DqyBFeGFtcGxl?= <zoe@example.org>");
 }
 
 TEST_F(MailLayoutTest, WelcomeMail) {
-  SmtpServer server({});
+  SmtpServer server;
   ASSERT_NE(server.port(), 0);
   ResetPrefs(MailPrefs(server.port()));
   SendWelcomingEmail();
   ASSERT_EQ(server.MessageCount(), 1);
   ExpectLayout(server, "us-ascii");
-  EXPECT_EQ(Header(Headers(server.Message(1, "raw")), "Subject"), "[IM] Welcome to Gabfolio!");
+  EXPECT_EQ(Header(server.Message(1, "raw"), "Subject"), "[IM] Welcome to Gabfolio!");
 
   std::string plain = server.Message(1, "part-0.body");
   EXPECT_EQ(plain.rfind("Welcome to Gabfolio!\r\n\r\n", 0), 0u);
@@ -150,11 +123,11 @@ TEST_F(MailLayoutTest, NoWelcomeMailWhenMailIsOff) {
   SendWelcomingEmail();
   usleep(200000);
   EXPECT_EQ(server.Connections(), 0);
-  EXPECT_FALSE(StoredPref("reportThis").has_value());
+  EXPECT_FALSE(ReadPref("reportThis").has_value());
 }
 
 TEST_F(MailLayoutTest, TranscriptMail) {
-  SmtpServer server({});
+  SmtpServer server;
   ASSERT_NE(server.port(), 0);
   ResetPrefs(MailPrefs(server.port()));
   auto message = std::make_shared<ICLPInstantMessage>();
@@ -167,8 +140,7 @@ TEST_F(MailLayoutTest, TranscriptMail) {
   EXPECT_TRUE(MailTranscript(*log, nullptr));
   ASSERT_EQ(server.MessageCount(), 1);
   ExpectLayout(server, "utf-8");
-  auto headers = Headers(server.Message(1, "raw"));
-  EXPECT_EQ(Header(headers, "Subject"), "=?utf-8?B?W0lNXSBab8Or?=");
+  EXPECT_EQ(Header(server.Message(1, "raw"), "Subject"), "=?utf-8?B?W0lNXSBab8Or?=");
   EXPECT_EQ(server.Message(1, "subject"), "[IM] Zoë");
   EXPECT_EQ(server.Message(1, "part-0.body"),
             "Sent by Gabfolio ( https://gabfolio.example.org/ )Zoë: .hi ☃ <i>there</i>\r\n");
@@ -207,42 +179,6 @@ TEST_F(MailLayoutTest, HeaderValuesAreEncodedWhenNeeded) {
     start = end + 3;
   }
   EXPECT_EQ(words, 5);  // 200 bytes in pieces of at most 44
-}
-
-TEST_F(MailLayoutTest, AgentSendsTheWelcomeMailOnItsFirstStart) {
-  const std::string agent = GABFOLIO_BINARY_DIR "/agent/gabfolio-agent";
-  if (!std::filesystem::exists(agent)) GTEST_SKIP() << "the agent is not built";
-  SmtpServer server({});
-  ASSERT_NE(server.port(), 0);
-  std::string home = testing::MakeTempDir("agenthome");
-  std::filesystem::create_directories(home + "/Library/Gabfolio");
-  std::filesystem::create_directories(home + "/Documents/iChats");
-  {
-    Preferences prefs(home + "/Library/Preferences/com.tidewrack.gabfolio.plist");
-    for (const auto& [k, v] : MailPrefs(server.port())) prefs.SetAppValue(k, v);
-    prefs.AppSynchronize();
-  }
-  for (int run = 0; run < 2; ++run) {
-    pid_t pid = fork();
-    if (pid == 0) {
-      setenv("HOME", home.c_str(), 1);
-      int null = open("/dev/null", O_WRONLY);
-      dup2(null, 1);
-      dup2(null, 2);
-      execl(agent.c_str(), agent.c_str(), "-debug", nullptr);
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
-  // Sent once: the second start finds the mark.
-  EXPECT_EQ(server.MessageCount(), 1);
-  EXPECT_EQ(server.Message(1, "subject"), "[IM] Welcome to Gabfolio!");
-  Preferences after(home + "/Library/Preferences/com.tidewrack.gabfolio.plist");
-  EXPECT_TRUE(after.Bool("sentWelcomeEmail"));
-  std::error_code ec;
-  std::filesystem::remove_all(home, ec);
 }
 
 }  // namespace

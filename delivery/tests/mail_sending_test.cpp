@@ -4,25 +4,25 @@
 
 #include <functional>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "delivery/cw_smtp.h"
 #include "delivery/mail_layout.h"
 #include "delivery/mail_session.h"
 #include "delivery/run_loop.h"
-#include "delivery/tests/smtp_fixture.h"
-#include "delivery/tests/test_home.h"
 #include "platform/text.h"
+#include "testing/smtp_server.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
 namespace gab {
 namespace {
 
-using testing::LogMessages;
+using testing::ReadPref;
 using testing::ResetPrefs;
 using testing::SmtpServer;
-using testing::StoredPref;
 
 class MailSendingTest : public ::testing::Test {
  protected:
@@ -36,11 +36,16 @@ class MailSendingTest : public ::testing::Test {
   }
 };
 
-// The lines our mail code writes (alerts and others are left out).
+// The messages of the log lines our mail code writes (alerts and others are
+// left out).
 std::vector<std::string> MailLines(const std::string& captured) {
   std::vector<std::string> out;
   bool afterError = false;
-  for (auto& m : LogMessages(captured)) {
+  std::istringstream in(captured);
+  for (std::string line; std::getline(in, line);) {
+    size_t mark = line.find("] ");
+    if (mark == std::string::npos) continue;
+    std::string m = line.substr(mark + 2);
     bool ours = afterError || m.find("mail") != std::string::npos ||
                 m.find("SMTP") != std::string::npos || m.find("email") != std::string::npos;
     afterError = m == "An error occurred while sending email:";
@@ -146,13 +151,13 @@ TEST_F(MailSendingTest, OutcomesLogLinesAndReports) {
     std::string captured = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(result, c.result);
     EXPECT_EQ(MailLines(captured), c.log) << captured;
-    auto report = StoredPref("reportThis");
+    auto report = ReadPref("reportThis");
     if (c.reportThis) {
       EXPECT_EQ(StringValue(report).value_or("<none>"), ToUtf8(*c.reportThis));
     } else {
       EXPECT_FALSE(report.has_value());
     }
-    EXPECT_EQ(IntValue(StoredPref("errorStatus")), c.code);
+    EXPECT_EQ(IntValue(ReadPref("errorStatus")), c.code);
     EXPECT_EQ(server.MessageCount(), c.delivered);
     EXPECT_FALSE(RunLoop::Current().HasSources());  // nothing left to fire later
   }
@@ -195,10 +200,10 @@ TEST_F(MailSendingTest, WaitsThatEndEarly) {
     ::testing::internal::CaptureStderr();
     EXPECT_TRUE(session.HandleEmailSending(smtp));
     EXPECT_EQ(MailLines(::testing::internal::GetCapturedStderr()), c.log);
-    auto report = StoredPref("reportThis");
+    auto report = ReadPref("reportThis");
     EXPECT_EQ(report.has_value(), c.reportThis.has_value());
     EXPECT_EQ(StringValue(report), c.reportThis);
-    EXPECT_EQ(IntValue(StoredPref("errorStatus")), c.code);
+    EXPECT_EQ(IntValue(ReadPref("errorStatus")), c.code);
     EXPECT_FALSE(RunLoop::Current().HasSources());
   }
 }
@@ -207,14 +212,14 @@ TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
   auto log = ICLPChatLog::FromParts(u"Zoë", {});
   ResetPrefs({{"subjectNumber", int64_t(5)}});
   EXPECT_EQ(subjectForEmail(*log), u"[IM] Zoë");
-  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 5);
+  EXPECT_EQ(IntValue(ReadPref("subjectNumber")), 5);
 
   ResetPrefs({{"forceUniqueSubjects", true}, {"subjectNumber", int64_t(5)}});
   std::u16string first = subjectForEmail(*log);
-  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 6);
+  EXPECT_EQ(IntValue(ReadPref("subjectNumber")), 6);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   std::u16string second = subjectForEmail(*log);
-  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 7);
+  EXPECT_EQ(IntValue(ReadPref("subjectNumber")), 7);
   EXPECT_NE(first, second);
   const std::regex shape(
       R"(\[IM\] Zoë \([A-Z][a-z]{2} [A-Z][a-z]{2} \d\d \d\d:\d\d:\d\d \S+ \d{4}\))");
@@ -224,7 +229,7 @@ TEST_F(MailSendingTest, SubjectsAndTheirCounter) {
   // Starting from nothing.
   ResetPrefs({{"forceUniqueSubjects", std::string("YES")}});
   subjectForEmail(*log);
-  EXPECT_EQ(IntValue(StoredPref("subjectNumber")), 1);
+  EXPECT_EQ(IntValue(ReadPref("subjectNumber")), 1);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 
 #include "archive/testing/fixture_writer.h"
 #include "library/log_generator.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 #include "transcript/chat_log.h"
 
 namespace gab {
@@ -13,7 +13,7 @@ namespace {
 
 using fixtures::Format;
 using testing::ExpectGolden;
-using testing::TestHome;
+using testing::LibraryHome;
 using testing::TestTemplate;
 
 fixtures::Transcript Chat() {
@@ -58,10 +58,10 @@ TEST(ArchivedTranscripts, EveryFormatGivesTheSameLibrary) {
                {"iChat 3", Format::kKeyed, "ichat"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    TestHome home;
+    LibraryHome home;
     home.Put("linktemplate.html", TestTemplate("____LINKS"));
     home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
-    std::string path = home.home() + "/bob smith on 2005-03-08 at 15.07." + c.extension;
+    std::string path = home.path() + "/bob smith on 2005-03-08 at 15.07." + c.extension;
     std::ofstream(path, std::ios::binary) << fixtures::WriteTranscript(Chat(), c.format);
     std::string why;
     auto chat = ICLPChatLog::InitWithFilePath(path);

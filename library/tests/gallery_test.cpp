@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include "library/log_generator.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 
 namespace gab {
 namespace {
@@ -10,8 +10,8 @@ namespace {
 using testing::ExpectGolden;
 using testing::ImageRec;
 using testing::ImageStoreXml;
+using testing::LibraryHome;
 using testing::Speakers;
-using testing::TestHome;
 using testing::TestTemplate;
 
 struct GalleryCase {
@@ -24,7 +24,7 @@ class GalleryGolden : public ::testing::TestWithParam<GalleryCase> {};
 
 TEST_P(GalleryGolden, RebuildsEveryPageFromTheStore) {
   const GalleryCase& c = GetParam();
-  TestHome home;
+  LibraryHome home;
   home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
   std::string store = ImageStoreXml(c.store);
   home.Put("gatheredImages.plist", store);
@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {{"Images.html", "gallery_five_All.html"}}}),
     [](const auto& info) { return std::string(info.param.name); });
 
-std::vector<std::string> TopImages(const TestHome& home) {
+std::vector<std::string> TopImages(const LibraryHome& home) {
   std::vector<std::string> out;
   for (const auto& f : home.AllFiles()) {
     const std::string prefix = "Library/Gabfolio/Images/topimages/";
@@ -120,7 +120,7 @@ TEST(Gallery, NewestImagesAreTheThreeNewestNumberedFromTheOldest) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    TestHome home;
+    LibraryHome home;
     home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
     for (const char* f : {"a9.png", "a5.jpg", "a1.png", "b7.pdf", "b3", "b9.gif"})
       home.Put(std::string("Images/") + f, f);
@@ -136,7 +136,7 @@ TEST(Gallery, NewestImagesAreTheThreeNewestNumberedFromTheOldest) {
 }
 
 TEST(Gallery, MissingTemplateWritesNoPageButRebuildsNewestImages) {
-  TestHome home;
+  LibraryHome home;
   home.Put("Images/a.png", "A");
   home.Put("gatheredImages.plist",
            ImageStoreXml({{"Ann", {{"2005-03-09T00:00:00Z", "Images/a.png", 1, 1}}}}));
@@ -147,14 +147,14 @@ TEST(Gallery, MissingTemplateWritesNoPageButRebuildsNewestImages) {
 }
 
 TEST(Gallery, TopImagesLinkIsRemovedNotFollowed) {
-  TestHome home;
-  std::filesystem::create_directories(home.home() + "/elsewhere");
-  std::ofstream(home.home() + "/elsewhere/keep.txt") << "keep";
+  LibraryHome home;
+  std::filesystem::create_directories(home.path() + "/elsewhere");
+  std::ofstream(home.path() + "/elsewhere/keep.txt") << "keep";
   ASSERT_EQ(
-      symlink((home.home() + "/elsewhere").c_str(), (home.data() + "/Images/topimages").c_str()),
+      symlink((home.path() + "/elsewhere").c_str(), (home.data() + "/Images/topimages").c_str()),
       0);
   GenerateImageFiles(nullptr);
-  EXPECT_EQ(ReadWholeFile(home.home() + "/elsewhere/keep.txt"), "keep");
+  EXPECT_EQ(ReadWholeFile(home.path() + "/elsewhere/keep.txt"), "keep");
   EXPECT_TRUE(std::filesystem::is_directory(
       std::filesystem::symlink_status(home.data() + "/Images/topimages")));
 }
@@ -162,7 +162,7 @@ TEST(Gallery, TopImagesLinkIsRemovedNotFollowed) {
 TEST(Gallery, UnreadableStoreGivesTheEmptyAllPage) {
   for (const char* bytes : {"", "garbage", "<plist><dict/></plist>"}) {
     SCOPED_TRACE(bytes);
-    TestHome home;
+    LibraryHome home;
     home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
     home.Put("gatheredImages.plist", bytes);
     GenerateImageFiles(nullptr);
@@ -175,7 +175,7 @@ TEST(Gallery, UnreadableStoreGivesTheEmptyAllPage) {
 }
 
 TEST(Gallery, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
-  TestHome home;
+  LibraryHome home;
   const std::string tmpl = TestTemplate("____IMAGES");
   home.Put("imagetemplate.html", tmpl);
   auto one = [](const char* f) { return std::vector<ImageRec>{{"2005-03-09T00:00:00Z", f, 1, 1}}; };

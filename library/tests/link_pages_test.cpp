@@ -1,17 +1,17 @@
 #include <gtest/gtest.h>
 
 #include "library/log_generator.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 #include "transcript/chat_log.h"
 
 namespace gab {
 namespace {
 
 using testing::ExpectGolden;
+using testing::LibraryHome;
 using testing::LinkRec;
 using testing::LinkStoreXml;
 using testing::Speakers;
-using testing::TestHome;
 using testing::TestTemplate;
 
 constexpr const char* k41 = "http://example.com/a/very/long/path/x.htm";  // 41 units
@@ -28,7 +28,7 @@ class LinkPagesGolden : public ::testing::TestWithParam<PagesCase> {};
 
 TEST_P(LinkPagesGolden, RebuildsEveryPageFromTheStore) {
   const PagesCase& c = GetParam();
-  TestHome home;
+  LibraryHome home;
   home.Put("linktemplate.html", TestTemplate("____LINKS"));
   std::string store = LinkStoreXml(c.store);
   home.Put("gatheredURLs.plist", store);
@@ -110,7 +110,7 @@ TEST(LinkPages, FunkyEscapingKeepsOnlyLettersAndDigits) {
 }
 
 TEST(LinkPages, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
-  TestHome home;
+  LibraryHome home;
   const std::string tmpl = TestTemplate("____LINKS");
   home.Put("linktemplate.html", tmpl);
   home.Put("imagetemplate.html", "keep me");
@@ -148,7 +148,7 @@ TEST(LinkPages, HostileSpeakerNamesNeverEscapeOrReplaceSuppliedFiles) {
 TEST(LinkPages, UnparsableOrMissingStoreWithoutTranscript) {
   for (bool present : {false, true}) {
     SCOPED_TRACE(present ? "unparsable store" : "missing store");
-    TestHome home;
+    LibraryHome home;
     home.Put("linktemplate.html", TestTemplate("____LINKS"));
     if (present) home.Put("gatheredURLs.plist", "<plist><array><dict>");
     GenerateLinkFiles(nullptr);
@@ -162,7 +162,7 @@ TEST(LinkPages, UnparsableOrMissingStoreWithoutTranscript) {
 }
 
 TEST(LinkPages, MissingTemplateWritesNoPageAndReportsNothing) {
-  TestHome home;
+  LibraryHome home;
   home.Put("gatheredURLs.plist", LinkStoreXml({{"Ann", {{"2005-03-08T20:07:42Z", "http://a/"}}}}));
   ::testing::internal::CaptureStderr();
   GenerateLinkFiles(nullptr);
@@ -172,7 +172,7 @@ TEST(LinkPages, MissingTemplateWritesNoPageAndReportsNothing) {
 }
 
 TEST(LinkPages, ReplacesEveryPlaceholderOccurrenceInOrderWithoutEscaping) {
-  TestHome home;
+  LibraryHome home;
   home.Put("linktemplate.html", "____NAME|____NAME|____name|____CONTENTS|____LINKS|____LINKS");
   home.Put("gatheredURLs.plist",
            LinkStoreXml({{"<i>____LINKS", {{"2005-03-08T20:07:42Z", "http://a/?x=<"}}}}));
@@ -189,7 +189,7 @@ TEST(LinkPages, ReplacesEveryPlaceholderOccurrenceInOrderWithoutEscaping) {
 
 class LinkStoreSave : public ::testing::Test {
  protected:
-  TestHome home;
+  LibraryHome home;
   std::unique_ptr<ICLPChatLog> empty = ICLPChatLog::FromParts(u"Ann", {});
 };
 

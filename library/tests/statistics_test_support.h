@@ -12,7 +12,7 @@
 #include "library/tests/transcript_builder.h"
 #include "platform/files.h"
 #include "platform/plist.h"
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 
 namespace gab::testing {

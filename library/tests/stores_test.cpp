@@ -4,14 +4,14 @@
 
 #include "library/log_generator.h"
 #include "library/object_format.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 #include "platform/text.h"
 
 namespace gab {
 namespace {
 
+using testing::LibraryHome;
 using testing::LinkStoreXml;
-using testing::TestHome;
 
 TEST(ObjectFormat, OnlyObjectDirectivesAndPercentAreInterpreted) {
   const std::vector<std::u16string> args = {u"u", u"v", u"Ann", u"Tue March 8, 03:07PM"};
@@ -69,7 +69,7 @@ TEST(Stores, OrderingsPutNewestRecordsAndOldestMonthsFirst) {
 }
 
 TEST(Stores, LookupsMatchTheFirstWellFormedRecordExactly) {
-  TestHome home;
+  LibraryHome home;
   home.Put("s.plist",
            testing::PlistHead() +
                "<string>not a record</string>\n"
@@ -103,7 +103,7 @@ std::vector<std::string> Urls(plist_t list) {
 }
 
 TEST(Stores, LinkMergeAppendsSpeakersAndResortsEveryList) {
-  TestHome home;
+  LibraryHome home;
   home.Put(
       "gatheredURLs.plist",
       LinkStoreXml({{"Ann", {{"2005-01-01T00:00:00Z", "old"}, {"2005-06-01T00:00:00Z", "new"}}},

@@ -5,7 +5,7 @@
 
 #include "library/gathering.h"
 #include "library/log_generator.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 #include "library/tests/transcript_builder.h"
 #include "platform/image_size.h"
 #include "platform/preferences.h"
@@ -16,10 +16,10 @@ namespace {
 
 using testing::ExpectGolden;
 using testing::FileNamed;
+using testing::LibraryHome;
 using testing::LinkString;
 using testing::March8;
 using testing::Message;
-using testing::TestHome;
 using testing::TestTemplate;
 
 std::string Png(int width, int height) {
@@ -64,7 +64,7 @@ TEST(Gathering, OneEntryPerNonStatusMessageInOrder) {
 }
 
 TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
-  TestHome home;
+  LibraryHome home;
   home.Put("linktemplate.html", TestTemplate("____LINKS"));
   auto chat = LinkChat();
   GenerateLinkFiles(chat.get());
@@ -87,7 +87,7 @@ TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
        {"<?xml version=\"1.0\"?><plist><array><dict>", "<plist><dict/></plist>"}) {
     SCOPED_TRACE(bad);
     Preferences::Shared().SetAppValue("reportThis", std::nullopt);
-    TestHome home;
+    LibraryHome home;
     home.Put("linktemplate.html", TestTemplate("____LINKS"));
     home.Put("gatheredURLs.plist", bad);
     ::testing::internal::CaptureStderr();
@@ -117,7 +117,7 @@ std::unique_ptr<ICLPChatLog> ImageChat() {
 }
 
 TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
-  TestHome home;
+  LibraryHome home;
   home.Put("imagetemplate.html", TestTemplate("____IMAGES"));
   auto chat = ImageChat();
   GenerateImageFiles(chat.get());
@@ -139,7 +139,7 @@ TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
 }
 
 TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
-  TestHome home;
+  LibraryHome home;
   auto& prefs = Preferences::Shared();
   prefs.SetAppValue("bookmarkEntry",
                     PrefValue(std::string("<a href=\"%1$@\">%2$@</a> %3$@ %4$@ %s%%\n")));
@@ -168,7 +168,7 @@ TEST(TextLogs, LinesFollowTheFormatsAndImagesAreCopied) {
 }
 
 TEST(TextLogs, MissingLogOrFormatAddsNothingButImagesAreStillCopied) {
-  TestHome home;
+  LibraryHome home;
   auto& prefs = Preferences::Shared();
   prefs.SetAppValue("bookmarkEntry", std::nullopt);
   prefs.SetAppValue("imageEntry", PrefValue(std::string("%@\n")));
@@ -179,10 +179,10 @@ TEST(TextLogs, MissingLogOrFormatAddsNothingButImagesAreStillCopied) {
   EXPECT_FALSE(home.Has("absent.txt"));
   EXPECT_TRUE(home.Has("Images/photo-Ann-TueMar80307PM.jpg"));
   // A log outside the data folder is not touched.
-  std::ofstream(home.home() + "/outside.txt") << "x";
+  std::ofstream(home.path() + "/outside.txt") << "x";
   prefs.SetAppValue("bookmarkEntry", PrefValue(std::string("%@\n")));
-  ExtendURLLog(*LinkChat(), home.home() + "/outside.txt");
-  EXPECT_EQ(ReadWholeFile(home.home() + "/outside.txt"), "x");
+  ExtendURLLog(*LinkChat(), home.path() + "/outside.txt");
+  EXPECT_EQ(ReadWholeFile(home.path() + "/outside.txt"), "x");
 }
 
 }  // namespace

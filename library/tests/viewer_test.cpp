@@ -8,13 +8,13 @@
 #include <unistd.h>
 
 #include "library/log_generator.h"
-#include "library/tests/test_home.h"
+#include "library/tests/store_pages.h"
 #include "platform/text.h"
 
 namespace gab {
 namespace {
 
-using testing::TestHome;
+using testing::LibraryHome;
 
 // What a browser puts on the wire for an href: non-ASCII characters as
 // percent-encoded UTF-8, and the few ASCII ones a path may not hold.
@@ -77,11 +77,11 @@ class ViewerFolder : public ::testing::Test {
     home.Put("Images/photo-Ann-2005-03-08 15:07:42 -0500.jpg", "\xFF\xD8\xFFjpeg");
     home.Put("Images/Ann-T.image", "\x89PNG....");
     home.Put("Images/topimages/01.png", "\x89PNG....");
-    std::ofstream(home.home() + "/secret.txt") << "secret";
-    symlink((home.home() + "/secret.txt").c_str(), (home.data() + "/link.html").c_str());
-    symlink(home.home().c_str(), (home.data() + "/Images/up").c_str());
+    std::ofstream(home.path() + "/secret.txt") << "secret";
+    symlink((home.path() + "/secret.txt").c_str(), (home.data() + "/link.html").c_str());
+    symlink(home.path().c_str(), (home.data() + "/Images/up").c_str());
   }
-  TestHome home;
+  LibraryHome home;
 };
 
 TEST_F(ViewerFolder, ServesOnlyRegularFilesInsideTheFolder) {

@@ -2,25 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-
-#include "platform/tests/alert_test_bus.h"
+#include "testing/session_bus.h"
 
 namespace gab {
 namespace {
 
-using test::NotificationServer;
-using test::SessionBus;
+using testing::NotificationServer;
+using testing::SessionBus;
 
 bool DbusDaemonAvailable() {
   return std::system("command -v dbus-daemon >/dev/null 2>&1") == 0;
-}
-
-std::vector<test::Notification> WaitForNotifications(NotificationServer& server, size_t count) {
-  for (int i = 0; i < 250 && server.Received().size() < count; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  return server.Received();
 }
 
 TEST(Alert, NotificationCarriesTheTextOneOkActionAndTheBell) {
@@ -32,7 +23,7 @@ TEST(Alert, NotificationCarriesTheTextOneOkActionAndTheBell) {
 
   const std::string text = "Line one\nand \"two\" \xc3\xa9";
   EXPECT_TRUE(ShowAlertOnBus(bus.address(), text));
-  auto received = WaitForNotifications(server, 1);
+  auto received = server.Received(1);
   ASSERT_EQ(received.size(), 1u);
   const auto& n = received[0];
   EXPECT_EQ(n.appName, "Gabfolio");

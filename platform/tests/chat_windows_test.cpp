@@ -4,14 +4,14 @@
 
 #include <memory>
 
-#include "platform/testing/temp_home.h"
-#include "platform/tests/xvfb_server.h"
+#include "testing/temp_home.h"
+#include "testing/xvfb.h"
 
 namespace gab {
 namespace {
 
 using testing::FakeDesktop;
-using testing::XvfbServer;
+using testing::Xvfb;
 using Kind = FakeDesktop::TitleKind;
 
 // Sets DISPLAY (null: unsets it) for the life of the object.
@@ -29,7 +29,7 @@ class ScopedDisplay {
 
 class ChatWindowsX11 : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { server_ = new XvfbServer; }
+  static void SetUpTestSuite() { server_ = new Xvfb; }
   static void TearDownTestSuite() {
     delete server_;
     server_ = nullptr;
@@ -39,17 +39,16 @@ class ChatWindowsX11 : public ::testing::Test {
       GTEST_SKIP() << "Xvfb is not available; install it (scripts/install-deps)";
     desktop_ = std::make_unique<FakeDesktop>(server_->display());
     ASSERT_TRUE(desktop_->ok());
-    desktop_->Publish();  // start from an empty client list
   }
   std::optional<std::vector<std::u16string>> Query() {
     return QueryX11WindowTitles(server_->display().c_str());
   }
 
-  static XvfbServer* server_;
+  static Xvfb* server_;
   testing::TempHome home_;
   std::unique_ptr<FakeDesktop> desktop_;
 };
-XvfbServer* ChatWindowsX11::server_ = nullptr;
+Xvfb* ChatWindowsX11::server_ = nullptr;
 
 TEST_F(ChatWindowsX11, ListsOnlyChatClientWindowsWithTheirTitles) {
   struct Window {

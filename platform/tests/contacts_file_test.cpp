@@ -2,10 +2,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 
 #include "platform/contacts.h"
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
@@ -63,7 +64,7 @@ TEST(ContactsFile, ChangesAreSeenAndHomeIsFollowed) {
   EXPECT_EQ(FoundName(u"bob"), u"<none>");
   EXPECT_EQ(FoundName(u"bobby"), u"Bob Stone");
 
-  home.Remove(kBook + "Contacts.vcf");
+  std::filesystem::remove(home.path() + "/" + kBook + "Contacts.vcf");
   EXPECT_EQ(FoundName(u"bobby"), u"<none>");
 
   {

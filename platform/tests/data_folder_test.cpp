@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "library/tests/test_home.h"
+#include <filesystem>
+
+#include "platform/files.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
 
-using testing::TestHome;
+using testing::LibraryHome;
 
 TEST(DataFolder, NamesAreOnePlainComponent) {
   struct {
@@ -32,7 +35,7 @@ TEST(DataFolder, NamesAreOnePlainComponent) {
 }
 
 TEST(DataFolder, WritesOnlyPlainUnprotectedNamesInside) {
-  TestHome home;
+  LibraryHome home;
   home.Put("linktemplate.html", "template");
   home.Put("Images/pdf.png", "icon");
   struct Case {
@@ -70,14 +73,14 @@ TEST(DataFolder, WritesOnlyPlainUnprotectedNamesInside) {
   EXPECT_EQ(home.Get("linktemplate.html"), "template");
   EXPECT_EQ(home.Get("Images/pdf.png"), "icon");
   EXPECT_EQ(home.Get("Ann.html"), "new");
-  EXPECT_FALSE(FileExists(home.home() + "/Library/escape.html"));
+  EXPECT_FALSE(FileExists(home.path() + "/Library/escape.html"));
   EXPECT_TRUE(WriteStoreIntoDataFolder("gatheredURLs.plist", "store"));
   EXPECT_FALSE(WriteStoreIntoDataFolder("linktemplate.html", "store"));
   EXPECT_EQ(home.Get("linktemplate.html"), "template");
 }
 
 TEST(DataFolder, TopImagesCopiesOnlyStoredImages) {
-  TestHome home;
+  LibraryHome home;
   home.Put("Images/a.png", "A");
   home.Put("secret", "S");
   symlink((home.data() + "/secret").c_str(), (home.data() + "/Images/link.png").c_str());
@@ -101,7 +104,7 @@ TEST(DataFolder, TopImagesCopiesOnlyStoredImages) {
 }
 
 TEST(DataFolder, ResetRemovesNestedContentsWithoutFollowingLinks) {
-  TestHome home;
+  LibraryHome home;
   home.Put("outside/keep", "K");
   home.Put("Images/topimages/01.png", "old");
   home.Put("Images/topimages/deep/er/x", "x");

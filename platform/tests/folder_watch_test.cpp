@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "platform/files.h"
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
-#include "platform/testing/temp_home.h"
-#include "tool/tests/run_tool.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
@@ -57,10 +57,10 @@ TEST(Arguments, HelpAndErrors) {
     home.Write("Anna on 2005.chat", "");
     home.Write("Anna on 2005.CHAT", "whatever");
     home.Write("dir on 2005.chat/file", "x");
-    std::vector<std::string> args;
+    std::vector<std::string> args = {testing::kTool};
     for (const auto& a : c.args)
       args.push_back(!a.empty() && a[0] == '@' ? home.path() + a.substr(1) : a);
-    auto run = testing::RunTool(args);
+    auto run = testing::RunProgram(args);
     EXPECT_EQ(run.status, c.status) << run.err;
     if (c.status == 0) {
       EXPECT_EQ(run.out.rfind(c.text, 0), 0u) << run.out;

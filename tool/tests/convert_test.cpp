@@ -1,15 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "archive/testing/fixture_writer.h"
-#include "platform/testing/temp_home.h"
-#include "tool/tests/run_tool.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
 
-using testing::RunTool;
+using testing::kTool;
+using testing::RunProgram;
 
 // A small chat in each archive format, converted both ways.
 TEST(Convert, WritesBothRenderings) {
@@ -48,11 +50,11 @@ TEST(Convert, WritesBothRenderings) {
     testing::TempHome home;
     std::string file = std::string("anna on 2005-03-08") + ext;
     home.Write(file, WriteTranscript(t, format));
-    auto text = RunTool({"convert", home.path() + "/" + file, "--to", "text"});
+    auto text = RunProgram({kTool, "convert", home.path() + "/" + file, "--to", "text"});
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out, plain);
-    auto page = RunTool(
-        {"convert", "--to=html", home.path() + "/" + file, "-o", home.path() + "/out.html"});
+    auto page = RunProgram(
+        {kTool, "convert", "--to=html", home.path() + "/" + file, "-o", home.path() + "/out.html"});
     EXPECT_EQ(page.status, 0) << page.err;
     EXPECT_EQ(page.out, "");
     std::ifstream in(home.path() + "/out.html", std::ios::binary);

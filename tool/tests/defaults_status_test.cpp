@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "platform/preferences.h"
-#include "platform/testing/temp_home.h"
-#include "tool/tests/run_tool.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
@@ -18,7 +18,10 @@ namespace fs = std::filesystem;
 
 class ToolTest : public ::testing::Test {
  protected:
-  testing::ToolRun Run(const std::vector<std::string>& args) { return testing::RunTool(args); }
+  testing::Result Run(std::vector<std::string> args) {
+    args.insert(args.begin(), testing::kTool);
+    return testing::RunProgram(args);
+  }
   std::optional<PrefValue> Pref(const std::string& key) {
     return Preferences(home_ + "/Library/Preferences/com.tidewrack.gabfolio.plist")
         .CopyAppValue(key);
@@ -91,25 +94,12 @@ TEST_F(ToolTest, StatusShowsErrorStateAndWhetherTheAgentRuns) {
 
 TEST_F(ToolTest, StatusSeesTheRunningAgent) {
   fs::create_directories(home_ + "/Library/Gabfolio");
-  std::string agent =
-      fs::path(GABFOLIO_TOOL_PATH).parent_path().parent_path() / "agent/gabfolio-agent";
-  if (!fs::exists(agent)) GTEST_SKIP() << "gabfolio-agent is not built";
-  pid_t pid = fork();
-  if (pid == 0) {
-    setenv("HOME", home_.c_str(), 1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-    freopen("/dev/null", "w", stdout);
-    freopen("/dev/null", "w", stderr);
-    fs::create_directories(home_ + "/Documents/iChats");
-    execl(agent.c_str(), agent.c_str(), nullptr);
-    _exit(127);
-  }
-  std::string pidfile = home_ + "/Library/Gabfolio/pidfile";
-  for (int i = 0; i < 200 && !fs::exists(pidfile); ++i) usleep(20000);
+  fs::create_directories(home_ + "/Documents/iChats");
+  testing::Process agent({testing::kAgent});
+  testing::WaitFor([&] { return fs::exists(home_ + "/Library/Gabfolio/pidfile"); }, 4);
   auto r = Run({"status"});
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
-  EXPECT_NE(r.out.find("agent:       running (pid " + std::to_string(pid) + ")\n"),
+  agent.Signal(SIGTERM);
+  EXPECT_NE(r.out.find("agent:       running (pid " + std::to_string(agent.pid()) + ")\n"),
             std::string::npos)
       << r.out;
 }

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "archive/testing/fixture_writer.h"
-#include "platform/testing/temp_home.h"
-#include "tool/tests/run_tool.h"
+#include "testing/run_process.h"
+#include "testing/temp_home.h"
 
 namespace gab {
 namespace {
@@ -28,7 +28,7 @@ TEST(Dump, PrintsParticipantsAndMessages) {
     std::string name =
         format == fx::Format::kKeyed ? "/Bob Stone on 2005.ichat" : "/Bob Stone on 2005.chat";
     home.Write(name.substr(1), fx::WriteTranscript(t, format));
-    auto run = testing::RunTool({"dump", home.path() + name});
+    auto run = testing::RunProgram({testing::kTool, "dump", home.path() + name});
     ASSERT_EQ(run.status, 0) << run.err;
     const char* expected[] = {
         "Other party: Bob Stone\n",

@@ -5,33 +5,23 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include "library/tests/test_home.h"
-#include "tool/tests/run_tool.h"
+#include "library/tests/store_pages.h"
+#include "testing/run_process.h"
 
 namespace gab {
 namespace {
 
 TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
-  testing::TestHome home;
-  unsetenv("DISPLAY");
-  unsetenv("WAYLAND_DISPLAY");
+  testing::LibraryHome home;
   home.Put("linktemplate.html", "<h1>____NAME</h1><ul>____CONTENTS</ul>____LINKS");
   home.Put("gatheredURLs.plist",
            testing::LinkStoreXml({{"bob smith", {{"2005-03-08T20:07:42Z", "http://a/"}}}}));
-  ASSERT_EQ(testing::RunTool({"rebuild"}).status, 0);
+  ASSERT_EQ(testing::RunProgram({testing::kTool, "rebuild"}).status, 0);
   ASSERT_TRUE(home.Has("bob smith.html"));
 
-  int out[2];
-  ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-  pid_t pid = testing::SpawnTool({"view", "--port", "0"}, out);
-  ASSERT_GT(pid, 0);
-  std::string text;
-  char buf[512];
-  while (text.find("Gallery:") == std::string::npos) {
-    ssize_t n = read(out[0], buf, sizeof buf);
-    if (n <= 0) break;
-    text.append(buf, size_t(n));
-  }
+  testing::Process view({testing::kTool, "view", "--port", "0"});
+  testing::WaitFor([&] { return view.out().find("Gallery:") != std::string::npos; });
+  std::string text = view.out();
   size_t at = text.find("http://127.0.0.1:");
   ASSERT_NE(at, std::string::npos) << text;
   int port = std::stoi(text.substr(at + 17));
@@ -46,11 +36,8 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   EXPECT_EQ(response.getStatus(), Poco::Net::HTTPResponse::HTTP_OK);
   EXPECT_EQ(body, home.Get("bob smith.html"));
 
-  kill(pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  close(out[0]);
+  view.Signal(SIGTERM);
+  EXPECT_EQ(view.Wait(), 0);
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "archive/testing/fixture_writer.h"
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 
 namespace gab {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/chat_windows.h"
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 #include "transcript/tests/builders.h"

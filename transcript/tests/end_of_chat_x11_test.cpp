@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "platform/chat_windows.h"
-#include "platform/testing/temp_home.h"
-#include "platform/tests/xvfb_server.h"
+#include "testing/temp_home.h"
+#include "testing/xvfb.h"
 #include "transcript/chat_log.h"
 #include "transcript/end_of_chat.h"
 #include "transcript/process_flags.h"
@@ -16,13 +16,13 @@ namespace gab {
 namespace {
 
 using testing::FakeDesktop;
-using testing::XvfbServer;
+using testing::Xvfb;
 
 const auto Transcript = testing::ChatWith;
 
 class EndOfChatX11 : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { server_ = new XvfbServer; }
+  static void SetUpTestSuite() { server_ = new Xvfb; }
   static void TearDownTestSuite() {
     delete server_;
     server_ = nullptr;
@@ -36,7 +36,6 @@ class EndOfChatX11 : public ::testing::Test {
     iChatRunning = true;
     desktop_ = std::make_unique<FakeDesktop>(server_->display());
     ASSERT_TRUE(desktop_->ok());
-    desktop_->Publish();
   }
   void TearDown() override {
     iChatRunning = false;
@@ -46,12 +45,12 @@ class EndOfChatX11 : public ::testing::Test {
       unsetenv("DISPLAY");
   }
 
-  static XvfbServer* server_;
+  static Xvfb* server_;
   testing::TempHome home_;
   std::optional<std::string> savedDisplay_;
   std::unique_ptr<FakeDesktop> desktop_;
 };
-XvfbServer* EndOfChatX11::server_ = nullptr;
+Xvfb* EndOfChatX11::server_ = nullptr;
 
 TEST_F(EndOfChatX11, OneToOneChats) {
   struct Case {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/testing/temp_home.h"
+#include "testing/temp_home.h"
 #include "transcript/tests/builders.h"
 
 namespace gab {

@@ -1,10 +1,7 @@
 #pragma once
-// A throw-away home folder for one test: HOME points at it, the data folder
-// and its Images folder exist, and the clock's zone is fixed so that dates
-// format the same everywhere.
+// The library tests' pages and stores: a small template, golden pages, and
+// store files written from compact tables.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -16,49 +13,9 @@
 #include <vector>
 
 #include "platform/files.h"
+#include "testing/temp_home.h"
 
 namespace gab::testing {
-
-class TestHome {
- public:
-  TestHome() {
-    char tmpl[] = "/tmp/gabfolio-library-XXXXXX";
-    home_ = mkdtemp(tmpl);
-    setenv("HOME", home_.c_str(), 1);
-    setenv("TZ", "America/New_York", 1);
-    tzset();
-    data_ = home_ + "/Library/Gabfolio";
-    std::filesystem::create_directories(data_ + "/Images");
-  }
-  ~TestHome() {
-    std::error_code ec;
-    std::filesystem::permissions(data_, std::filesystem::perms::owner_all, ec);
-    std::filesystem::remove_all(home_, ec);
-  }
-  const std::string& home() const { return home_; }
-  const std::string& data() const { return data_; }
-
-  void Put(const std::string& relative, const std::string& bytes) const {
-    std::filesystem::create_directories(
-        std::filesystem::path(data_ + "/" + relative).parent_path());
-    std::ofstream(data_ + "/" + relative, std::ios::binary) << bytes;
-  }
-  std::optional<std::string> Get(const std::string& relative) const {
-    return ReadWholeFile(data_ + "/" + relative);
-  }
-  bool Has(const std::string& relative) const { return FileExists(data_ + "/" + relative); }
-  // Every file under the home folder, relative to it, sorted.
-  std::vector<std::string> AllFiles() const {
-    std::vector<std::string> out;
-    for (auto& e : std::filesystem::recursive_directory_iterator(home_))
-      if (!e.is_directory()) out.push_back(std::filesystem::relative(e.path(), home_).string());
-    std::sort(out.begin(), out.end());
-    return out;
-  }
-
- private:
-  std::string home_, data_;
-};
 
 // A small readable template: the three placeholders on lines of their own.
 inline std::string TestTemplate(const char* listPlaceholder) {

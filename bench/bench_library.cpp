@@ -11,9 +11,9 @@
 
 #include "library/log_generator.h"
 #include "library/stores.h"
-#include "library/tests/transcript_builder.h"
 #include "platform/dates.h"
 #include "platform/files.h"
+#include "testing/transcripts.h"
 
 namespace gab {
 namespace {
@@ -138,7 +138,7 @@ void BM_MergeChatIntoLinkStore(benchmark::State& state) {
                                           {u"here", testing::LinkString(u"http://example.org/x")}};
     if (i % 2) pieces.push_back({u" and there", testing::LinkString(u"http://example.net/y")});
     messages.push_back(
-        testing::Message(i % 3 ? u"Friend 7" : u"New Friend", testing::March8(i), pieces));
+        testing::Said(i % 3 ? u"Friend 7" : u"New Friend", testing::March8(i), pieces));
   }
   auto chat = ICLPChatLog::FromParts(u"Friend 7", messages);
   for (auto _ : state) {

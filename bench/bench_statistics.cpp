@@ -5,8 +5,9 @@
 
 #include "library/log_generator.h"
 #include "library/statistics.h"
-#include "library/tests/statistics_test_support.h"
 #include "platform/files.h"
+#include "testing/temp_home.h"
+#include "testing/transcripts.h"
 
 namespace gab {
 namespace {

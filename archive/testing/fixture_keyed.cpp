@@ -126,6 +126,9 @@ class TranscriptOut {
 
   uint64_t Presentity(const Speaker& s) {
     std::string key = "presentity:" + ToUtf8(s.service) + "/" + ToUtf8(s.id);
+    if (s.person)
+      return o_.Object(
+          {"Person", "NSObject"}, [](plist_t) {}, key);
     return o_.Object(
         {"Presentity", "NSObject"},
         [&](plist_t d) {
@@ -141,7 +144,10 @@ class TranscriptOut {
       KeyedOut::Set(d, "Time", o_.Object({"NSDate", "NSObject"}, [&](plist_t date) {
         plist_dict_set_item(date, "NS.time", plist_new_real(m.time.time));
       }));
-      KeyedOut::Set(d, "MessageText", m.noText ? 0 : AttributedString(m));
+      KeyedOut::Set(d, "MessageText",
+                    m.noText      ? 0
+                    : m.plainText ? o_.String(PlainText(m))
+                                  : AttributedString(m));
       plist_dict_set_item(d, "Flags", plist_new_uint(m.flags));
     });
   }

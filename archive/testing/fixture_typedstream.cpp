@@ -196,6 +196,10 @@ class TranscriptOut {
   void Presentity(const Speaker& s) {
     std::string key = "presentity:" + ToUtf8(s.service) + "/" + ToUtf8(s.id);
     if (w_.Ref(key)) return;
+    if (s.person) {
+      w_.Begin({{"Person", 0}, {"NSObject", 0}}, key);
+      return w_.End();
+    }
     w_.Begin({{"Presentity", 0}, {"NSObject", 0}}, key);
     w_.Types("@");
     w_.String(s.service, false);
@@ -220,6 +224,8 @@ class TranscriptOut {
     w_.Types("@");
     if (m.noText) {
       w_.Nil();
+    } else if (m.plainText) {
+      w_.String(PlainText(m), false);
     } else {
       AttributedString(m);
     }
@@ -342,7 +348,7 @@ class TranscriptOut {
 // Any object of the model, objects shared by pointer archived once.
 class ObjectOut {
  public:
-  ObjectOut(bool big, char integerCode) : w_(big), integerCode_(integerCode) {}
+  explicit ObjectOut(bool big) : w_(big) {}
 
   std::string Write(const ObjectPtr& root) {
     w_.Types("@");
@@ -358,10 +364,10 @@ class ObjectOut {
     if (auto s = As<gab::String>(o)) return w_.String(s->value, s->mutable_, key);
     if (auto n = As<Number>(o)) {
       w_.Begin({{"NSNumber", 0}, {"NSValue", 0}, {"NSObject", 0}}, key);
-      const char* code = n->type == Number::Type::kReal                                    ? "d"
-                         : n->type == Number::Type::kBool                                  ? "c"
-                         : (integerCode_ == 'i' && n->i >= INT32_MIN && n->i <= INT32_MAX) ? "i"
-                                                                                           : "q";
+      const char* code = n->type == Number::Type::kReal             ? "d"
+                         : n->type == Number::Type::kBool           ? "c"
+                         : (n->i >= INT32_MIN && n->i <= INT32_MAX) ? "i"
+                                                                    : "q";
       w_.Types("*");
       w_.CString(code);
       w_.Types(code);
@@ -479,13 +485,12 @@ class ObjectOut {
   }
 
   TypedstreamOut w_;
-  char integerCode_;
 };
 
 }  // namespace
 
-std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian, char integerCode) {
-  return ObjectOut(bigEndian, integerCode).Write(root);
+std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian) {
+  return ObjectOut(bigEndian).Write(root);
 }
 
 std::string WriteTypedstreamTranscript(const Transcript& t, bool bigEndian) {

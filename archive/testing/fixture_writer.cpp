@@ -111,6 +111,12 @@ std::vector<PlannedRun> PlanRuns(const Message& m, std::u16string& text, size_t&
   return out;
 }
 
+std::u16string PlainText(const Message& m) {
+  std::u16string text;
+  for (const TextRun& r : m.runs) text += r.text;
+  return text;
+}
+
 std::string ComponentText(const std::vector<double>& values) {
   std::string out;
   for (double v : values) {

@@ -24,6 +24,7 @@ namespace gab::fixtures {
 struct Speaker {
   std::u16string service = u"AIM";  // "AIM", "SubNet", ...
   std::u16string id;                // account name
+  bool person = false;              // archived as a Person, which is no presentity
   bool operator==(const Speaker&) const = default;
 };
 
@@ -64,6 +65,7 @@ struct Message {
   std::vector<TextRun> runs;  // empty: empty text
   bool noText = false;        // nil instead of an attributed string
   uint32_t flags = 0;
+  bool plainText = false;  // a plain string instead of an attributed string
 };
 
 struct Transcript {
@@ -86,15 +88,9 @@ std::string WriteTranscript(const Transcript& t, Format format);
 std::string SerializeRegularFile(const std::u16string& fileName, const std::string& contents,
                                  bool withUtf8Name = true);
 
-// A NeXT serialized property list holding one UTF-16 string (type 6) with
-// a byte-order mark of the given order; words are little-endian.
-std::string SerializeNeXTString(const std::u16string& s, bool bigEndianText);
-
 // One object of the model as NSArchiver writes it (Foundation classes,
-// fonts, colours); objects shared by pointer are archived once.  Integers
-// are written as `integerCode` ('i' when they fit 32 bits, or 'q', as
-// 64-bit callers such as Swift's Int produce).
-std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian, char integerCode = 'i');
+// fonts, colours); objects shared by pointer are archived once.
+std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian);
 
 // A large transcript for benchmarks: `count` messages between two people
 // with styled runs, links of both kinds and a few attachments.

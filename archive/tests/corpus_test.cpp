@@ -27,27 +27,8 @@ struct Expected {
 
 // Foundation objects NSArchiver and NSKeyedArchiver wrote from known values.
 const Expected kKnownValues[] = {
-    {"typedstream/crabstep/foundation/NSArray", R"([s"a", i1, s"b"])"},
-    {"typedstream/crabstep/foundation/NSArrayEmpty", R"([])"},
-    {"typedstream/crabstep/foundation/NSArrayNested", R"([s"top", [i1, i2]])"},
-    {"typedstream/crabstep/foundation/NSArrayWithNull", R"([s"x", <NSNull>, s"y"])"},
-    {"typedstream/crabstep/foundation/NSAttributedString", R"(as("Hello, world" 12{}))"},
-    {"typedstream/crabstep/foundation/NSData", R"(data:deadbeef007f)"},
-    {"typedstream/crabstep/foundation/NSDate", R"(date21692800)"},
-    {"typedstream/crabstep/foundation/NSDateFractional", R"(date700000000.523)"},
     {"typedstream/crabstep/foundation/NSDictionary", R"({s"k2": s"v", s"k1": i1})"},
-    {"typedstream/crabstep/foundation/NSDictionaryNested",
-     R"({s"arr": [i1, i2], s"data": data:0102, s"num": i7})"},
-    {"typedstream/crabstep/foundation/NSMutableArray", R"(m[s"x", i2])"},
-    {"typedstream/crabstep/foundation/NSMutableData", R"(mdata:deadbeef)"},
-    {"typedstream/crabstep/foundation/NSMutableDictionary", R"(m{s"key": i9})"},
-    {"typedstream/crabstep/foundation/NSMutableSet", R"(<NSMutableSet>)"},
     {"typedstream/crabstep/foundation/NSMutableString", R"(ms"Hello, world")"},
-    {"typedstream/crabstep/foundation/NSSet", R"(<NSSet>)"},
-    {"typedstream/crabstep/foundation/NSString", R"(s"Hello, world")"},
-    {"typedstream/crabstep/foundation/NSURL", R"(url(https://example.com/path?q=1))"},
-    {"typedstream/crabstep/foundation/NSURLRelative",
-     R"(url(page.html base url(https://example.com/dir/)))"},
     {"typedstream/crabstep/foundation/NestedAttributed", R"([as("styled" 6{})])"},
     {"typedstream/crabstep/foundation/NestedContainers",
      R"([[i1, i2], m[i3], [], {s"k": i9}, m{s"mk": i8}, <NSSet>, <NSMutableSet>])"},
@@ -58,39 +39,18 @@ const Expected kKnownValues[] = {
     {"typedstream/crabstep/foundation/NumberBool", R"(i1)"},
     {"typedstream/crabstep/foundation/NumberDouble", R"(r100.5)"},
     {"typedstream/crabstep/foundation/NumberFloat", R"(r3.5)"},
-    {"typedstream/crabstep/foundation/NumberInt", R"(i42)"},
     {"typedstream/crabstep/foundation/NumberInt64", R"(i-9000000000)"},
     {"typedstream/crabstep/ExtraData",
      "ERROR typedstream: length exceeds the remaining data at byte 124"},
-    {"keyedarchive/nskeyedunarchiver-rs/NSAffineTransform.plist", R"(<NSAffineTransform>)"},
     {"keyedarchive/nskeyedunarchiver-rs/NSMutableAttributedString.plist",
      R"(mas("firstsecondthird" 5{s"NSColor": color1(0.9859541655 0 0.02694000863)} 11{}))"},
     {"keyedarchive/nskeyedunarchiver-rs/circularReference.plist", R"(m[nil])"},
     {"keyedarchive/nskeyedunarchiver-rs/note.plist", R"(<Note>)"},
     {"keyedarchive/nskeyedunarchiver-rs/nsData.plist", R"(mdata:536f6d65206461746121)"},
-    {"keyedarchive/nskeyedunarchiver-rs/plainString.plist", R"(s"Some string!")"},
-    {"keyedarchive/nskeyedunarchiver-rs/simpleArray.plist",
-     R"([s"value1", s"value2", [s"innerValue3", s"innerValue4"]])"},
-    {"keyedarchive/nskeyedunarchiver-rs/simpleDict.plist",
-     R"({s"Array key": [i1, i2, i3], s"First key": s"First value", s"Second key": s"Second value"})"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/UUIDv4.bin.plist", R"(<NSUUID>)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/collections.bin.plist",
-     R"(<TestDummy>)"},
     {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/date.bin.plist", R"(date1210536312)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/emptyObject.bin.plist",
-     R"(<TestDummy>)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/emptyObjectExtended.bin.plist",
-     R"(<TestDummyExtended>)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/miscTypes.bin.plist", R"(<TestDummy>)"},
     {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/nested.bin.plist",
      R"({s"level": i0, s"levelZeroData": {s"level": i1, s"levelOneData": {s"level": i2, s"levelPath": [s"zero", s"one", s"two"], s"sampleUrl": url(https://example.com/foo/bar?a=b#hash)}, s"levelPath": [s"zero", s"one"]}, s"levelPath": [s"zero"]})"},
     {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/null.bin.plist", R"(nil)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/objectWithSingleProp.bin.plist",
-     R"(<TestDummy>)"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/reference.bin.plist",
-     R"({s"copyOne": url(https://example.com/foo/bar?a=b#hash), s"copyTwo": url(https://example.com/foo/bar?a=b#hash)})"},
-    {"keyedarchive/kiler129-NSKeyedUnarchiver/ArchivedData/scalarTypes.bin.plist",
-     R"(<TestDummy>)"},
     {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/invalidContainer.bin.plist",
      R"(ERROR keyed archive: $top is missing or not a dictionary)"},
     {"keyedarchive/kiler129-NSKeyedUnarchiver/BrokenData/"
@@ -138,90 +98,11 @@ const MessageBlob kMessageBlobs[] = {
      "_kIMPhoneNumberAttributeName,__kIMTextBoldAttributeName,__kIMTextEffectAttributeName,__"
      "kIMTextItalicAttributeName,__kIMTextStrikethroughAttributeName,__"
      "kIMTextUnderlineAttributeName"},
-    {"Address", false, "1 Apple Park Way, Cupertino, CA 95014", false,
-     "__kIMAddressAttributeName,__kIMMessagePartAttributeName"},
-    {"AppMessage", false, "\uFFFC", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
-     "kIMMessagePartAttributeName"},
-    {"AppleMusicLyrics", true, "https://music.apple.com/us/lyrics/1329891623?ts=11.108&te", true,
-     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
-     "__kIMLinkIsRichLinkAttributeName,__kIMMessagePartAttributeName"},
-    {"Arabic", false, "أهلاً بالعالم", false, "__kIMMessagePartAttributeName"},
-    {"Array", true, "A single ChatGPT instance takes 5MW of power to run", false,
-     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
     {"Attachment", true, "\uFFFCThis is how the notes look to me fyi, in case it ", true,
      "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
      "kIMFilenameAttributeName,__kIMInlineMediaHeightAttributeName,__"
      "kIMInlineMediaWidthAttributeName,__kIMMessagePartAttributeName"},
-    {"AttachmentI16", true, "\uFFFC", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
-     "kIMFilenameAttributeName,__kIMInlineMediaHeightAttributeName,__"
-     "kIMInlineMediaWidthAttributeName,__kIMMessagePartAttributeName"},
-    {"AttributedBodyTextOnly", true, "Noter test", false, "__kIMMessagePartAttributeName"},
-    {"AttributedBodyTextOnly2", false, "Test 3", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName"},
     {"Blank", false, "", false, ""},
-    {"Code", true, "000123 is your security code. Don't share your code.", false,
-     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName,__kIMOneTimeCodeAttributeName"},
-    {"Currency", false, "Money: $1234.56, £20, 100 USD", false, "__kIMMessagePartAttributeName"},
-    {"CurrencyTemperatureVolumeWeight", true, "$100\n\n75℉\n\n1L of water\n\n225lbs", false,
-     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
-    {"CustomTapback", false, "Reacted with a sticker to “Like I wonder if the stickers ", true,
-     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
-     "kIMMessagePartAttributeName"},
-    {"Date", true, "Hi. Right now or tomorrow?", false,
-     "__kIMCalendarEventAttributeName,__kIMMessagePartAttributeName"},
-    {"EditedWithFormatting", false, "Test", false,
-     "__kIMMessagePartAttributeName,__kIMTextStrikethroughAttributeName"},
-    {"Email", false, "asdfghjklq@gmail.com might work", false,
-     "__kIMDataDetectedAttributeName,__kIMLinkAttributeName,__kIMMessagePartAttributeName"},
-    {"EmojiBoldUnderline", false, "🅱️Bold_Underline", false,
-     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextUnderlineAttributeName"},
-    {"Flight", true, "AS 1111", false,
-     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
-    {"Formatted", false, "Big small", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName"},
-    {"Mention", true, "Test Dad ", false,
-     "__kIMMentionConfirmedMention,__kIMMessagePartAttributeName"},
-    {"MultiAttachment", true, "\uFFFC\uFFFC\uFFFC\uFFFC\uFFFC\uFFFC", true,
-     "__kIMBaseWritingDirectionAttributeName,__kIMFileTransferGUIDAttributeName,__"
-     "kIMMessagePartAttributeName"},
-    {"MultiPart", true, "\uFFFCtest 1\uFFFCtest 2 \uFFFCtest 3", false,
-     "__kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
-    {"MultiPartWithDeleted", true, "From arbitrary byte stream:\r\uFFFCTo native Rust data ", true,
-     "__kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
-    {"OverlappingFormat", true, "8:00 pm", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMCalendarEventAttributeName,__"
-     "kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
-     "kIMTextUnderlineAttributeName"},
-    {"PhoneNumber", true, "What about 0000000000", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMLinkAttributeName,__kIMMessagePartAttributeName,_"
-     "_kIMPhoneNumberAttributeName"},
-    {"StyledLink", true, "https://github.com/ReagentX/imessage-exporter/discussions", true,
-     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
-     "__kIMLinkIsRichLinkAttributeName,__kIMMessagePartAttributeName,__kIMTextEffectAttributeName"},
-    {"TextEffects", false, "Big small shake nod explode ripple bloom jitter", false,
-     "__kIMMessagePartAttributeName,__kIMTextEffectAttributeName"},
-    {"TextStyles", false, "Bold underline italic strikethrough all four", false,
-     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
-     "kIMTextStrikethroughAttributeName,__kIMTextUnderlineAttributeName"},
-    {"TextStylesMixed", false, "Underline normal jitter normal", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMMessagePartAttributeName,__"
-     "kIMTextEffectAttributeName,__kIMTextUnderlineAttributeName"},
-    {"TextStylesSingleRange", false, "Everything", false,
-     "__kIMMessagePartAttributeName,__kIMTextBoldAttributeName,__kIMTextItalicAttributeName,__"
-     "kIMTextStrikethroughAttributeName,__kIMTextUnderlineAttributeName"},
-    {"Tracking", true, "1Z999AA10123456784", false,
-     "__kIMDataDetectedAttributeName,__kIMMessagePartAttributeName"},
-    {"Transcription", false, "\uFFFC", false,
-     "IMAudioTranscription,__kIMBaseWritingDirectionAttributeName,__"
-     "kIMFileTransferGUIDAttributeName,__kIMMessagePartAttributeName"},
-    {"URL", true, "https://github.com/ReagentX/Logria", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
-     "__kIMMessagePartAttributeName"},
-    {"URLMessage", true, "https://twitter.com/xxxxxxxxx/status/0000223300009216128", false,
-     "__kIMBaseWritingDirectionAttributeName,__kIMDataDetectedAttributeName,__kIMLinkAttributeName,"
-     "__kIMMessagePartAttributeName"},
     {"WeirdText", true, "𝖍𝖊𝖑𝖑𝖔 𝖜𝖔𝖗𝖑𝖉", false, "__kIMMessagePartAttributeName"},
 };
 
@@ -268,7 +149,6 @@ TEST(CorpusTest, LinkAttributesAreUrls) {
     const char16_t* url;
   } cases[] = {
       {"URL", 0, u"https://github.com/ReagentX/Logria"},
-      {"URLMessage", 5, u"https://twitter.com/xxxxxxxxx/status/0000223300009216128"},
       {"0123456789", 0, u"tel:0123456789"},
   };
   for (const auto& c : cases) {
@@ -290,8 +170,7 @@ TEST(CorpusTest, GrapherDocumentsSkipUnknownClasses) {
     const char* file;
     const char* digits;
     const char* fonts;
-  } cases[] = {{"Empty2D macOS 10.14.gcx", "i14", "font(Helvetica 12);font(Times-Roman 18);"},
-               {"Empty2D macOS 13.gcx", "i4", "font(Helvetica 12);font(Times-Roman 18);"}};
+  } cases[] = {{"Empty2D macOS 13.gcx", "i4", "font(Helvetica 12);font(Times-Roman 18);"}};
   for (const auto& c : cases) {
     GAB_CORPUS_OR_SKIP(bytes, std::string("real/typedstream/python-typedstream/") + c.file);
     std::vector<ObjectPtr> fonts;
@@ -384,7 +263,6 @@ TEST(CorpusTest, SubstitutedClassesReadTheirKeys) {
        "TestDummy",
        {"typeInt", "typeString", "typeBool", "data", "typeFloat", "absent"},
        R"(i42 s"foo bar" b1 data:666f6f626172 r3.14 nil)"},
-      {"miscTypes.bin.plist", "TestDummy", {"url"}, "url(https://example.com/foo/bar?a=b#hash)"},
       {"emptyObjectExtended.bin.plist", "generate_reference_data.TestDummy", {"x"}, "nil"},
   };
   for (const auto& c : cases) {

@@ -6,10 +6,10 @@
 #include "library/gathering.h"
 #include "library/log_generator.h"
 #include "library/tests/store_pages.h"
-#include "library/tests/transcript_builder.h"
 #include "platform/image_size.h"
 #include "platform/preferences.h"
 #include "platform/text.h"
+#include "testing/transcripts.h"
 
 namespace gab {
 namespace {
@@ -19,7 +19,7 @@ using testing::FileNamed;
 using testing::LibraryHome;
 using testing::LinkString;
 using testing::March8;
-using testing::Message;
+using testing::Said;
 using testing::TestTemplate;
 
 std::string Png(int width, int height) {
@@ -40,13 +40,12 @@ std::unique_ptr<ICLPChatLog> LinkChat() {
   url->relative = u"http://example.org/page?x=1";
   return ICLPChatLog::FromParts(
       u"Bob",
-      {Message(
-           u"Ann", March8(),
-           {{u"see "}, {u"this", LinkString(u"http://a.example/")}, {u" and "}, {u"that", url}}),
-       Message(u"", March8(1), {{u"Bob went away"}}),  // status line
-       Message(u"Bob", March8(2), {{u"no links here"}}),
-       Message(u"Bob", March8(-60 * 24 * 10), {{u"old", LinkString(u"http://feb.example/")}}),
-       Message(u"Bob", March8(3), {{u"ok", LinkString(u"http://b.example/")}})});
+      {Said(u"Ann", March8(),
+            {{u"see "}, {u"this", LinkString(u"http://a.example/")}, {u" and "}, {u"that", url}}),
+       Said(u"", March8(1), {{u"Bob went away"}}),  // status line
+       Said(u"Bob", March8(2), {{u"no links here"}}),
+       Said(u"Bob", March8(-60 * 24 * 10), {{u"old", LinkString(u"http://feb.example/")}}),
+       Said(u"Bob", March8(3), {{u"ok", LinkString(u"http://b.example/")}})});
 }
 
 TEST(Gathering, OneEntryPerNonStatusMessageInOrder) {
@@ -60,7 +59,7 @@ TEST(Gathering, OneEntryPerNonStatusMessageInOrder) {
   EXPECT_TRUE(links[1].urls.empty());
   EXPECT_EQ(GatheredImages(*chat).size(), 4u);
   EXPECT_TRUE(
-      GatheredURLs(*ICLPChatLog::FromParts(u"Bob", {Message(u"", March8(), {{u"x"}})})).empty());
+      GatheredURLs(*ICLPChatLog::FromParts(u"Bob", {Said(u"", March8(), {{u"x"}})})).empty());
 }
 
 TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
@@ -104,16 +103,16 @@ TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
 std::unique_ptr<ICLPChatLog> ImageChat() {
   auto dir = FileNamed(u"folder.d", "", /*regular=*/false);
   return ICLPChatLog::FromParts(
-      u"Bob", {Message(u"Ann", March8(),
-                       {{u"look"}, {u"\uFFFC", nullptr, FileNamed(u"photo.jpg", Png(64, 48))}}),
-               Message(u"Bob", March8(1),
-                       {{u"\uFFFC", nullptr, FileNamed(std::nullopt, Png(30, 70))},
-                        {u"\uFFFC", nullptr, dir},  // not a file: keeps the size before it
-                        {u"\uFFFC", nullptr, FileNamed(u"notes.pdf", "not really a pdf")}}),
-               Message(u"Bob", March8(2),
-                       {{u"\uFFFC", nullptr, FileNamed(u"../../escape.png", Png(8, 8))},
-                        {u"\uFFFC", nullptr, FileNamed(u"x.png", Png(8, 8))}}),
-               Message(u"a/b", March8(3), {{u"\uFFFC", nullptr, FileNamed(u"y.png", Png(8, 8))}})});
+      u"Bob", {Said(u"Ann", March8(),
+                    {{u"look"}, {u"\uFFFC", nullptr, FileNamed(u"photo.jpg", Png(64, 48))}}),
+               Said(u"Bob", March8(1),
+                    {{u"\uFFFC", nullptr, FileNamed(std::nullopt, Png(30, 70))},
+                     {u"\uFFFC", nullptr, dir},  // not a file: keeps the size before it
+                     {u"\uFFFC", nullptr, FileNamed(u"notes.pdf", "not really a pdf")}}),
+               Said(u"Bob", March8(2),
+                    {{u"\uFFFC", nullptr, FileNamed(u"../../escape.png", Png(8, 8))},
+                     {u"\uFFFC", nullptr, FileNamed(u"x.png", Png(8, 8))}}),
+               Said(u"a/b", March8(3), {{u"\uFFFC", nullptr, FileNamed(u"y.png", Png(8, 8))}})});
 }
 
 TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {

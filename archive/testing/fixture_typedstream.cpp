@@ -345,7 +345,8 @@ class TranscriptOut {
   TypedstreamOut w_;
 };
 
-// Any object of the model, objects shared by pointer archived once.
+// Strings, integers, arrays, dictionaries and attributed strings; objects
+// shared by pointer archived once.
 class ObjectOut {
  public:
   explicit ObjectOut(bool big) : w_(big) {}
@@ -364,43 +365,14 @@ class ObjectOut {
     if (auto s = As<gab::String>(o)) return w_.String(s->value, s->mutable_, key);
     if (auto n = As<Number>(o)) {
       w_.Begin({{"NSNumber", 0}, {"NSValue", 0}, {"NSObject", 0}}, key);
-      const char* code = n->type == Number::Type::kReal             ? "d"
-                         : n->type == Number::Type::kBool           ? "c"
-                         : (n->i >= INT32_MIN && n->i <= INT32_MAX) ? "i"
-                                                                    : "q";
       w_.Types("*");
-      w_.CString(code);
-      w_.Types(code);
-      if (*code == 'd') {
-        w_.Real(n->d, false);
-      } else if (*code == 'c') {
-        w_.Byte(static_cast<uint8_t>(n->i));
-      } else {
-        w_.Int(n->i);
-      }
-      return w_.End();
-    }
-    if (auto d = As<DateObject>(o)) {
-      w_.Begin({{"NSDate", 0}, {"NSObject", 0}}, key);
-      w_.Types("d");
-      w_.Real(d->date.time, false);
-      return w_.End();
-    }
-    if (auto d = As<Data>(o)) {
-      if (d->mutable_) {
-        w_.Begin({{"NSMutableData", 0}, {"NSData", 0}, {"NSObject", 0}}, key);
-      } else {
-        w_.Begin({{"NSData", 0}, {"NSObject", 0}}, key);
-      }
-      w_.DataObject(d->bytes);
+      w_.CString("i");
+      w_.Types("i");
+      w_.Int(n->i);
       return w_.End();
     }
     if (auto a = As<gab::Array>(o)) {
-      if (a->mutable_) {
-        w_.Begin({{"NSMutableArray", 0}, {"NSArray", 0}, {"NSObject", 0}}, key);
-      } else {
-        w_.Begin({{"NSArray", 0}, {"NSObject", 0}}, key);
-      }
+      w_.Begin({{"NSArray", 0}, {"NSObject", 0}}, key);
       w_.Types("i");
       w_.Int(static_cast<int64_t>(a->items.size()));
       for (const auto& item : a->items) {
@@ -410,11 +382,7 @@ class ObjectOut {
       return w_.End();
     }
     if (auto d = As<Dictionary>(o)) {
-      if (d->mutable_) {
-        w_.Begin({{"NSMutableDictionary", 0}, {"NSDictionary", 0}, {"NSObject", 0}}, key);
-      } else {
-        w_.Begin({{"NSDictionary", 0}, {"NSObject", 0}}, key);
-      }
+      w_.Begin({{"NSDictionary", 0}, {"NSObject", 0}}, key);
       w_.Types("i");
       w_.Int(static_cast<int64_t>(d->entries.size()));
       for (const auto& [k, v] : d->entries) {
@@ -425,62 +393,22 @@ class ObjectOut {
       }
       return w_.End();
     }
-    if (auto u = As<URL>(o)) {
-      w_.Begin({{"NSURL", 0}, {"NSObject", 0}}, key);
-      w_.Types("c");
-      w_.Byte(u->base ? 1 : 0);
-      if (u->base) {
+    auto a = As<AttributedString>(o);
+    w_.Begin({{"NSAttributedString", 0}, {"NSObject", 0}}, key);
+    w_.Types("@");
+    w_.String(a->text, false);
+    std::map<const gab::Object*, int64_t> numbers;
+    for (const auto& run : a->runs) {
+      auto [it, fresh] =
+          numbers.emplace(run.attributes.get(), static_cast<int64_t>(numbers.size() + 1));
+      w_.Types("iI");
+      w_.Int(it->second);
+      w_.Int(static_cast<int32_t>(run.length));
+      if (fresh) {
         w_.Types("@");
-        Object(u->base);
+        Object(run.attributes);
       }
-      w_.Types("@");
-      w_.String(u->relative, false);
-      return w_.End();
     }
-    if (auto a = As<AttributedString>(o)) {
-      if (a->mutable_) {
-        w_.Begin({{"NSMutableAttributedString", 0}, {"NSAttributedString", 0}, {"NSObject", 0}},
-                 key);
-      } else {
-        w_.Begin({{"NSAttributedString", 0}, {"NSObject", 0}}, key);
-      }
-      w_.Types("@");
-      w_.String(a->text, a->mutable_);
-      std::map<const gab::Object*, int64_t> numbers;
-      for (const auto& run : a->runs) {
-        auto [it, fresh] =
-            numbers.emplace(run.attributes.get(), static_cast<int64_t>(numbers.size() + 1));
-        w_.Types("iI");
-        w_.Int(it->second);
-        w_.Int(static_cast<int32_t>(run.length));
-        if (fresh) {
-          w_.Types("@");
-          Object(run.attributes);
-        }
-      }
-      return w_.End();
-    }
-    if (auto f = As<gab::Font>(o)) {
-      w_.Begin({{"NSFont", 30}, {"NSObject", 0}}, key);
-      w_.DataObject(SerializeNeXTString(f->name, w_.big()));
-      w_.Types("f");
-      w_.Real(f->pointSize, true);
-      for (uint8_t flag : {0, 1, 0, 0}) {
-        w_.Types("c");
-        w_.Byte(flag);
-      }
-      return w_.End();
-    }
-    if (auto c = As<Color>(o)) {
-      w_.Begin({{"NSColor", 0}, {"NSObject", 0}}, key);
-      w_.Types("c");
-      w_.Byte(static_cast<uint8_t>(c->space));
-      w_.Types(std::string(c->components.size(), 'f'));
-      for (double v : c->components) w_.Real(v, true);
-      return w_.End();
-    }
-    // Anything else: an object of its class with no contents.
-    w_.Begin({{"NSObject", 0}}, key);
     w_.End();
   }
 

@@ -88,8 +88,8 @@ std::string WriteTranscript(const Transcript& t, Format format);
 std::string SerializeRegularFile(const std::u16string& fileName, const std::string& contents,
                                  bool withUtf8Name = true);
 
-// One object of the model as NSArchiver writes it (Foundation classes,
-// fonts, colours); objects shared by pointer are archived once.
+// One object of the model as NSArchiver writes it: strings, integers,
+// arrays, dictionaries and attributed strings.
 std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian);
 
 // A large transcript for benchmarks: `count` messages between two people

@@ -95,13 +95,15 @@ double At(int day) {  // noon on a day of March 2005, UTC, in seconds since 2001
   return Date::FromUnix(1109678400 + 86400.0 * (day - 1)).time;
 }
 
-std::string Store(const std::vector<std::pair<std::string, std::string>>& entries) {
+// A store from "key=value" entries: an integer, or XML as it is.
+std::string Store(const std::vector<std::string>& entries) {
   std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n";
-  for (const auto& [key, value] : entries) xml += "<key>" + key + "</key>" + value + "\n";
+  for (const auto& e : entries) {
+    std::string key = e.substr(0, e.find('=')), value = e.substr(e.find('=') + 1);
+    if (value[0] != '<') value = "<integer>" + value + "</integer>";
+    xml += "<key>" + key + "</key>" + value + "\n";
+  }
   return xml + "</dict>\n</plist>\n";
-}
-std::string Int(long long v) {
-  return "<integer>" + std::to_string(v) + "</integer>";
 }
 std::string Day(int day) {
   return "<date>2005-03-" + std::string(day < 10 ? "0" : "") + std::to_string(day) +
@@ -134,148 +136,89 @@ class Statistics : public ::testing::Test {
   testing::LibraryHome home_;
 };
 
+const std::string kCurses = WordList({"damn", "Damn"}), kSlang = WordList({"lol", "LOL", "brb"});
+
 TEST_F(Statistics, AccumulatesStoresAndChatsIntoStoreAndPage) {
-  const std::string curses = WordList({"damn", "Damn"}), slang = WordList({"lol", "LOL", "brb"});
+  const std::string mar1 = "startDate=" + Day(1);
   struct Case {
     const char* name;
-    std::optional<std::string> store, curses, slang;  // file contents; nothing: no file
+    std::optional<std::string> store;  // nothing: no store file
     std::vector<Line> lines;
-    std::map<std::string, std::string> page;  // expected page values
-    std::map<std::string, int64_t> counts;    // expected stored counts
-    bool startFromFolder = false;             // DATE1 is the folder's creation date
+    // "NAME=value" of the page, or "key=value" of the stored counts.
+    std::vector<std::string> expected;
+    std::optional<std::string> curses = kCurses, slang = kSlang;  // nothing: no file
+    bool startFromFolder = false;  // DATE1 is the folder's creation date
   };
   const Case cases[] = {
       {"nine chats before, ten user words now",
-       Store({{"chatcount", Int(9)}, {"usertextcount", Int(90)}, {"startDate", Day(1)}}),
-       curses,
-       slang,
+       Store({"chatcount=9", "usertextcount=90", mar1}),
        {{u"me", u"one two three four five six seven eight nine ten", At(11)}},
-       {{"USERTOTAL", "100"},
-        {"USERWORDAVG", "10.0"},
-        {"SUMTOTAL", "100"},
-        {"CHATRATIOSIZE", "300"},
-        {"DATE1", "March  1, 2005"},
-        {"DATE2", "March 11, 2005"},
-        {"AVGCHATSPERDAY", "1.0"},
-        {"AGAIN", "100/100"}},
-       {{"chatcount", 10}, {"usertextcount", 100}, {"cursecount", 0}}},
+       {"USERTOTAL=100", "USERWORDAVG=10.0", "SUMTOTAL=100", "CHATRATIOSIZE=300",
+        "DATE1=March  1, 2005", "DATE2=March 11, 2005", "AVGCHATSPERDAY=1.0", "AGAIN=100/100",
+        "chatcount=10", "usertextcount=100", "cursecount=0"}},
       {"word lists count exact members only",
        std::nullopt,
-       curses,
-       slang,
        {{u"me", u"damn it lol LOL damn, brb", At(1)},
         {u"Anna", u"Damn lol", At(1)},
         {u"Anna", u"Lol damned", At(1)}},
-       {{"USERTOTAL", "6"},
-        {"OTHERTOTAL", "4"},
-        {"USERCURSETOTAL", "1"},
-        {"SUMCURSETOTAL", "2"},
-        {"NETSPEAKTOTAL", "3"},
-        {"NETSPEAKOTHERTOTAL", "1"},
-        {"CURSERATIOSIZE", "50"},
-        {"CURSERECRATIOSIZE", "75"},
-        {"NETSPEAKRATIOSIZE", "150"},
-        {"CHATRATIOSIZE", "180"}},
-       {{"othercursecount", 1}, {"netspeakcount", 3}, {"othernetspeakcount", 1}}},
+       {"USERTOTAL=6", "OTHERTOTAL=4", "USERCURSETOTAL=1", "SUMCURSETOTAL=2", "NETSPEAKTOTAL=3",
+        "NETSPEAKOTHERTOTAL=1", "CURSERATIOSIZE=50", "CURSERECRATIOSIZE=75",
+        "NETSPEAKRATIOSIZE=150", "CHATRATIOSIZE=180", "othercursecount=1", "netspeakcount=3"}},
       {"missing or unparsable word lists: every word counts",
-       Store({{"usertextcount", Int(5)},
-              {"cursecount", Int(5)},
-              {"othertextcount", Int(1)},
-              {"othernetspeakcount", Int(1)},
-              {"startDate", Day(1)}}),
-       std::nullopt,
-       "damn lol",
+       Store({"usertextcount=5", "cursecount=5", "othertextcount=1", "othernetspeakcount=1", mar1}),
        {{u"me", u"hello there", At(1)}, {u"Anna", u"hi you", At(1)}},
-       {{"USERCURSETOTAL", "7"},
-        {"NETSPEAKTOTAL", "2"},
-        {"NETSPEAKOTHERTOTAL", "3"},
-        {"CURSERATIOSIZE", "300"},
-        {"NETSPEAKRATIOSIZE", "86"}},
-       {{"cursecount", 7}, {"othercursecount", 2}, {"othertextcount", 3}}},
+       {"USERCURSETOTAL=7", "NETSPEAKTOTAL=2", "NETSPEAKOTHERTOTAL=3", "CURSERATIOSIZE=300",
+        "NETSPEAKRATIOSIZE=86", "cursecount=7", "othercursecount=2", "othertextcount=3"},
+       std::nullopt,
+       "damn lol"},
       {"nobody wrote: every ratio is nan, never -nan",
        std::nullopt,
-       curses,
-       slang,
        {{std::nullopt, u"Anna went away", At(1)}},
-       {{"CHATRATIOSIZE", "nan"},
-        {"CURSERATIOSIZE", "nan"},
-        {"CURSERECRATIOSIZE", "nan"},
-        {"NETSPEAKRATIOSIZE", "nan"},
-        {"SUMWORDAVG", "0.0"}},
-       {{"usertextcount", 0}}},
+       {"CHATRATIOSIZE=nan", "CURSERATIOSIZE=nan", "CURSERECRATIOSIZE=nan", "NETSPEAKRATIOSIZE=nan",
+        "SUMWORDAVG=0.0", "usertextcount=0"}},
       {"counts over zero words are infinite",
-       Store({{"cursecount", Int(5)},
-              {"netspeakcount", Int(-3)},
-              {"othercursecount", Int(2)},
-              {"startDate", Day(1)}}),
-       curses,
-       slang,
+       Store({"cursecount=5", "netspeakcount=-3", "othercursecount=2", mar1}),
        {{std::nullopt, u"", At(1)}},
-       {{"CURSERATIOSIZE", "inf"}, {"NETSPEAKRATIOSIZE", "-inf"}, {"CURSERECRATIOSIZE", "inf"}},
-       {{"netspeakcount", -3}}},
+       {"CURSERATIOSIZE=inf", "NETSPEAKRATIOSIZE=-inf", "CURSERECRATIOSIZE=inf",
+        "netspeakcount=-3"}},
       {"images and links from the gathered entries",
-       Store({{"imagecount", Int(4)},
-              {"linkcount", Int(1)},
-              {"chatcount", Int(1)},
-              {"startDate", Day(1)}}),
-       curses,
-       slang,
+       Store({"imagecount=4", "linkcount=1", "chatcount=1", mar1}),
        {{u"me", u"look", At(1), {u"http://a.example/", u"http://b.example/"}, 1},
         {u"Anna", u"mine", At(1), {}, 2},
         {std::nullopt, u"status", At(1), {u"http://status.example/"}, 1}},
-       {{"CHATIMAGETOTAL", "7"},
-        {"CHATLINKTOTAL", "3"},
-        {"CHATIMAGEAVG", "3.5"},
-        {"CHATLINKAVG", "1.5"}},
-       {{"imagecount", 7}, {"linkcount", 3}}},
+       {"CHATIMAGETOTAL=7", "CHATLINKTOTAL=3", "CHATIMAGEAVG=3.5", "CHATLINKAVG=1.5",
+        "imagecount=7", "linkcount=3"}},
       {"store without a start date: the folder's creation date",
-       Store({{"chatcount", Int(3)}, {"usertextcount", Int(3)}}),
-       curses,
-       slang,
+       Store({"chatcount=3", "usertextcount=3"}),
        {{u"me", u"hi", At(1)}},
-       {{"USERTOTAL", "4"}},
-       {{"chatcount", 4}},
+       {"USERTOTAL=4", "chatcount=4"},
+       kCurses,
+       kSlang,
        true},
       {"unparsable store: like a store without keys",
        std::string("\x01\x02 not a plist"),
-       curses,
-       slang,
        {{u"me", u"hi", At(1)}},
-       {{"USERTOTAL", "1"}, {"USERWORDAVG", "1.0"}},
-       {{"chatcount", 1}},
+       {"USERTOTAL=1", "USERWORDAVG=1.0", "chatcount=1"},
+       kCurses,
+       kSlang,
        true},
       {"counts stored in other forms read as their integer value",
-       Store({{"usertextcount", "<string>41 words</string>"},
-              {"othertextcount", "<real>2.9</real>"},
-              {"chatcount", "<true/>"},
-              {"imagecount", "<data>AAAA</data>"},
-              {"startDate", Day(1)}}),
-       curses,
-       slang,
+       Store({"usertextcount=<string>41 words</string>", "othertextcount=<real>2.9</real>",
+              "chatcount=<true/>", "imagecount=<data>AAAA</data>", mar1}),
        {{u"me", u"hi", At(1)}},
-       {{"USERTOTAL", "42"}, {"OTHERTOTAL", "2"}, {"CHATIMAGETOTAL", "0"}},
-       {{"chatcount", 2}, {"usertextcount", 42}}},
+       {"USERTOTAL=42", "OTHERTOTAL=2", "CHATIMAGETOTAL=0", "chatcount=2", "usertextcount=42"}},
       {"counters wrap at 32 bits",
-       Store({{"usertextcount", Int(2147483647)}, {"startDate", Day(1)}}),
-       curses,
-       slang,
+       Store({"usertextcount=2147483647", mar1}),
        {{u"me", u"overflow", At(1)}},
-       {{"USERTOTAL", "-2147483648"}},
-       {{"usertextcount", -2147483648LL}}},
+       {"USERTOTAL=-2147483648", "usertextcount=-2147483648"}},
       {"chat ending before the start date: negative days",
-       Store({{"chatcount", Int(4)}, {"startDate", Day(11)}}),
-       curses,
-       slang,
+       Store({"chatcount=4", "startDate=" + Day(11)}),
        {{u"me", u"hi", At(1)}},
-       {{"AVGCHATSPERDAY", "-0.5"}, {"DATE1", "March 11, 2005"}, {"DATE2", "March  1, 2005"}},
-       {}},
+       {"AVGCHATSPERDAY=-0.5", "DATE1=March 11, 2005", "DATE2=March  1, 2005"}},
       {"chat without messages: no end date",
-       Store({{"chatcount", Int(4)}, {"startDate", Day(1)}, {"endDate", Day(11)}}),
-       curses,
-       slang,
+       Store({"chatcount=4", mar1, "endDate=" + Day(11)}),
        {},
-       {{"DATE2", ""}, {"AVGCHATSPERDAY", "0.0"}},
-       {{"chatcount", 5}}},
+       {"DATE2=", "AVGCHATSPERDAY=0.0", "chatcount=5"}},
   };
   home_.Put("statstemplate.html", Template());
   for (const Case& c : cases) {
@@ -286,11 +229,13 @@ TEST_F(Statistics, AccumulatesStoresAndChatsIntoStoreAndPage) {
     UpdateStatistics(Chat(u"Anna", c.lines).get());
 
     auto page = Page();
+    Stored stored = Totals();
     for (const char* p : kPlaceholders) EXPECT_TRUE(page.count(p)) << p;
     for (const auto& [key, value] : page) EXPECT_EQ(value.find("____"), std::string::npos) << key;
-    for (const auto& [key, value] : c.page) EXPECT_EQ(page[key], value) << key;
-    Stored stored = Totals();
-    for (const auto& [key, value] : c.counts) EXPECT_EQ(stored.counts[key], value) << key;
+    for (const auto& e : c.expected) {
+      std::string key = e.substr(0, e.find('=')), value = e.substr(e.find('=') + 1);
+      EXPECT_EQ(isupper(key[0]) ? page[key] : std::to_string(stored.counts[key]), value) << key;
+    }
     EXPECT_EQ(stored.counts.size(), 9u);
     EXPECT_EQ(stored.dates.count("endDate"), c.lines.empty() ? 0u : 1u);
     if (!c.lines.empty()) {
@@ -323,8 +268,7 @@ TEST_F(Statistics, FirstChatStartsNowAndTheNextCountsOn) {
 
 TEST_F(Statistics, NoTranscriptCountsAChatThatEndsNow) {
   home_.Put("statstemplate.html", Template());
-  home_.Put("talkpulse.plist",
-            Store({{"chatcount", Int(1)}, {"usertextcount", Int(8)}, {"startDate", Day(1)}}));
+  home_.Put("talkpulse.plist", Store({"chatcount=1", "usertextcount=8", "startDate=" + Day(1)}));
   const Date before = Date::Now();
   UpdateStatistics(nullptr);
   Stored stored = Totals();
@@ -347,7 +291,7 @@ TEST_F(Statistics, PageReplacesEveryOccurrenceAndLeavesTheRest) {
   home_.Put("statstemplate.html",
             "a ____USERTOTAL b ____USERTOTAL ____usertotal ____UNKNOWN ____DATE1____DATE1 "
             "\xc3\xa9\xe2\x82\xac\n");
-  home_.Put("talkpulse.plist", Store({{"usertextcount", Int(6)}, {"startDate", Day(1)}}));
+  home_.Put("talkpulse.plist", Store({"usertextcount=6", "startDate=" + Day(1)}));
   UpdateStatistics(Chat(u"Anna", {{u"me", u"x", At(2)}}).get());
   EXPECT_EQ(
       home_.Get("stats.html"),

@@ -62,7 +62,10 @@ Process::Process(std::vector<std::string> argv, std::vector<std::string> env,
 }
 
 Process::~Process() {
-  if (pid_ > 0 && !status_) {
+  // Asked to end first, so that it can leave its files (and coverage
+  // counters) whole.
+  Signal(SIGTERM);
+  if (pid_ > 0 && !Wait(5)) {
     kill(pid_, SIGKILL);
     Wait(10);
   }

@@ -15,7 +15,7 @@ namespace gab::testing {
 extern const std::string kTool, kAgent, kParser;
 
 // A process whose standard output and error go to files; started by the
-// constructor, killed by the destructor if it still runs.  `env` holds
+// constructor, ended by the destructor if it still runs.  `env` holds
 // "NAME=value" entries added to (or replacing) this process's environment;
 // `input` is fed to its standard input (none: /dev/null).
 class Process {

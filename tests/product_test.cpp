@@ -40,10 +40,6 @@ constexpr double kMarch2005 = 1110294420;  // 2005-03-08 15:07 UTC
 class ProductTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    bool templates = false;
-    for (auto& e : fs::directory_iterator(GABFOLIO_SOURCE_DIR "/data"))
-      templates |= e.path().extension() == ".html";
-    if (!templates) GTEST_SKIP() << "no templates in data/ yet";
     Result r = Tool({"setup"});
     ASSERT_EQ(r.status, 0) << r.err;
   }
@@ -51,9 +47,6 @@ class ProductTest : public ::testing::Test {
   fs::path home() const { return home_.path(); }
   fs::path lib() const { return home() / "Library/Gabfolio"; }
   fs::path chats() const { return home() / "Documents/iChats"; }
-  Preferences Prefs() const {
-    return Preferences((home() / "Library/Preferences/com.tidewrack.gabfolio.plist").string());
-  }
   Result Tool(std::vector<std::string> args) {
     args.insert(args.begin(), kTool);
     return RunProgram(args);
@@ -132,21 +125,15 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   Chat anna = Conversation("Anna", kMarch2005, 6, 2, 1, true);
   CopyIn(anna);
   ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 2; })) << log();
-  std::string mail = sink.Message(2, "raw");
-  EXPECT_EQ(Header(mail, "Subject"), "[IM] Anna");
-  EXPECT_NE(Header(mail, "Content-Type").find("multipart/alternative"), std::string::npos);
-  EXPECT_NE(mail.find("Content-Type: text/plain"), std::string::npos);
-  EXPECT_NE(mail.find("Content-Type: text/html"), std::string::npos);
+  EXPECT_EQ(sink.Message(2, "subject"), "[IM] Anna");
+  EXPECT_EQ(sink.Message(2, "part-1.type"), "text/html");
   // The record is written first, then the statistics, and the links and
   // images of the run are gathered last.
   ASSERT_TRUE(WaitFor([&] { return StateOf(anna) == parser::State::kDone; })) << log();
   ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 1; })) << log();
   EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == 2u; })) << Lines("links.txt");
   EXPECT_TRUE(WaitFor([&] { return Lines("images.txt") == 1u; })) << Lines("images.txt");
-  EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == 1; })) << Statistic("chatcount");
   EXPECT_TRUE(WaitFor([&] { return Statistic("linkcount") == 2; })) << Statistic("linkcount");
-  EXPECT_TRUE(fs::exists(lib() / "stats.html"));
-  EXPECT_TRUE(fs::exists(lib() / "gatheredURLs.plist"));
   EXPECT_TRUE(WaitFor([&] { return fs::exists(lib() / "gatheredImages.plist"); }));
 
   // Renamed in, the older format.
@@ -180,8 +167,8 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   RenameIn(cy);
   ASSERT_TRUE(WaitFor([&] { return StateOf(cy) == parser::State::kMailPending; })) << log();
   ASSERT_TRUE(WaitFor([&] { return Statistic("chatcount") == 4; })) << log();
-  EXPECT_EQ(Prefs().String("reportThis"), "SMTP unreachable");
-  EXPECT_EQ(Prefs().Int("emailFails"), 1);
+  EXPECT_EQ(StringValue(ReadPref("reportThis")), "SMTP unreachable");
+  EXPECT_EQ(IntValue(ReadPref("emailFails")), 1);
   EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == 5u; })) << Lines("links.txt");
 
   // Back again: the next folder event sends the pending mail and the new one.
@@ -194,8 +181,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   EXPECT_EQ(subjects[4], "[IM] Cy");
   EXPECT_EQ(subjects[5], "[IM] Di");
   ASSERT_TRUE(WaitFor([&] { return StateOf(cy) == parser::State::kDone; })) << log();
-  EXPECT_EQ(Prefs().Int("emailFails"), 0);
-  EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == 5u; })) << Lines("links.txt");
+  EXPECT_EQ(IntValue(ReadPref("emailFails")), 0);
 
   agent.Signal(SIGTERM);
   EXPECT_EQ(agent.Wait(10), 0);
@@ -214,14 +200,12 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   }
   std::ofstream(old / "Broken on 2005-01-01 at 10.00.ichat") << "not an archive";
   std::ofstream(old / "notes.chat") << "no party in the name";
-  {
-    // Mail is on, but an import never mails.
-    Preferences prefs = Prefs();
-    prefs.SetAppValue("sendEmails", true);
-    prefs.SetAppValue("emailServer", std::string("127.0.0.1"));
-    prefs.SetAppValue("emailPort", int64_t(9));
-    ASSERT_TRUE(prefs.AppSynchronize());
-  }
+  // Mail is on, but an import never mails.
+  Preferences prefs(PrefsPath());
+  prefs.SetAppValue("sendEmails", true);
+  prefs.SetAppValue("emailServer", std::string("127.0.0.1"));
+  prefs.SetAppValue("emailPort", int64_t(9));
+  ASSERT_TRUE(prefs.AppSynchronize());
 
   // Stopped part-way (as with Ctrl-C) ...
   Process first({kTool, "import", old.string()});
@@ -247,8 +231,8 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
       << Statistic("imagecount");
   EXPECT_TRUE(WaitFor([&] { return Lines("links.txt") == size_t(kCount * 3); }))
       << Lines("links.txt");
-  EXPECT_EQ(Prefs().Int("emailFails"), 0);
-  EXPECT_FALSE(Prefs().String("reportThis").has_value());
+  EXPECT_EQ(IntValue(ReadPref("emailFails")), 0);
+  EXPECT_FALSE(ReadPref("reportThis").has_value());
   if (afterFirst == 0) {
     // The first run was stopped before its first transcript: the unreadable
     // ones are reported by the second.

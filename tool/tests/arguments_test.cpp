@@ -49,6 +49,15 @@ TEST(Arguments, HelpAndErrors) {
       {{"status", "--help"}, 0, "usage: gabfolio status"},
       {{"status", "extra"}, 2, "usage: gabfolio status"},
       {{"defaults", "--help"}, 0, "usage: gabfolio defaults"},
+      {{"setup", "--help"}, 0, "usage: gabfolio setup"},
+      {{"setup", "--bogus"}, 2, "unknown option"},
+      {{"setup", "--port", "99999"}, 2, "bad port"},
+      {{"setup", "--server"}, 2, "needs a value"},
+      {{"import", "--help"}, 0, "usage: gabfolio import"},
+      {{"import", "a", "b"}, 2, "one folder"},
+      {{"service"}, 2, "usage: gabfolio service"},
+      {{"service", "restart"}, 2, "unknown action"},
+      {{"nonsense"}, 2, "unknown command"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));

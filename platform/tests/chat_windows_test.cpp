@@ -61,7 +61,6 @@ TEST_F(ChatWindowsX11, ListsOnlyChatClientWindowsWithTheirTitles) {
     std::vector<std::u16string> expected;
   };
   const std::vector<Case> cases = {
-      {"no windows", {}, {}},
       {"one chat window", {{"iChat", "Chat with Anna", Kind::kNetWmName}}, {u"Chat with Anna"}},
       {"other clients ignored",
        {{"Firefox", "Chat with Anna", Kind::kNetWmName}, {"iChat", "Buddy List", Kind::kNetWmName}},
@@ -75,9 +74,6 @@ TEST_F(ChatWindowsX11, ListsOnlyChatClientWindowsWithTheirTitles) {
        {u"Chat with Zo\u00eb"}},
       {"_NET_WM_NAME preferred", {{"iChat", "Chat with Anna", Kind::kBoth}}, {u"Chat with Anna"}},
       {"untitled window still counts", {{"iChat", "", Kind::kNone}}, {u""}},
-      {"quotes and backslashes kept",
-       {{"iChat", "Chat with \"Dr\\ Who\"", Kind::kNetWmName}},
-       {u"Chat with \"Dr\\ Who\""}},
       {"order of the client list",
        {{"iChat", "B", Kind::kNetWmName}, {"iChat", "A", Kind::kWmNameLatin1}},
        {u"B", u"A"}},
@@ -137,16 +133,11 @@ TEST(TitlesEqualIgnoringCase, WholeTitleWithCaseFolded) {
   };
   const std::vector<Case> cases = {
       {u"Chat with Anna", u"Chat with Anna", true},
-      {u"chat with anna", u"Chat with Anna", true},
       {u"CHAT WITH ZO\u00cb", u"chat with zo\u00eb", true},
       {u"\u0427\u0430\u0442", u"\u0447\u0430\u0442", true},
       {u"Chat with Annabel", u"Chat with Anna", false},
-      {u"Chat with Anna", u"Chat with Annabel", false},
       {u"Chat with Anna ", u"Chat with Anna", false},
-      {u"Chat  with Anna", u"Chat with Anna", false},
       {u"Chat with Ann\u00e4", u"Chat with Anna", false},
-      {u"", u"", true},
-      {u"\U0001F600", u"\U0001F600", true},
       {u"\U0001F600", u"\U0001F601", false},
       {u"\xD800", u"\xD800", true},
   };

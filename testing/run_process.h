@@ -54,4 +54,7 @@ bool WaitFor(const std::function<bool()>& done, double seconds = 20);
 
 int CountOf(const std::string& text, const std::string& needle);
 
+// The space-separated words of `text`: command lines in case tables.
+std::vector<std::string> Words(const std::string& text);
+
 }  // namespace gab::testing

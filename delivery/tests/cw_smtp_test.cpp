@@ -7,6 +7,7 @@
 
 #include "delivery/run_loop.h"
 #include "platform/text.h"
+#include "testing/run_process.h"
 #include "testing/smtp_server.h"
 
 namespace gab {
@@ -39,13 +40,10 @@ CWMessage SimpleMessage(std::u16string subject = u"Hello", std::string plain = "
   return m;
 }
 
-struct Login {
-  std::string user, password, mechanism = "LOGIN";
-};
-
 // Drives one transfer the way the mail code does and returns the callbacks
-// in the order they came, or "unreachable" when connect() failed.
-std::string Transfer(CWSMTP& smtp, std::optional<Login> login) {
+// in the order they came, or "unreachable" when connect() failed.  `login`:
+// "user password [mechanism]", or none.
+std::string Transfer(CWSMTP& smtp, const char* login) {
   std::string events;
   bool done = false;
   auto note = [&](const char* name, bool ends) {
@@ -68,7 +66,8 @@ std::string Transfer(CWSMTP& smtp, std::optional<Login> login) {
   RunLoop::Current().RunOnce(RunLoop::Clock::now());
   if (!done) {
     if (login) {
-      smtp.authenticate(login->user, login->password, login->mechanism);
+      auto w = testing::Words(std::string(login) + " LOGIN");
+      smtp.authenticate(w[0], w[1], w[2]);
     } else {
       smtp.sendMessage();
     }
@@ -88,62 +87,34 @@ class SmtpTest : public ::testing::Test {
   void TearDown() override { CWSMTP::SetDefaultTimeout(60.0); }
 };
 
-struct ProtocolCase {
-  const char* name;
-  std::vector<std::string> serverArgs;
-  std::optional<Login> login;
-  const char* events;
-  const char* lastResponse;  // its beginning; nullptr: not checked
-  int delivered;
-};
-
 TEST_F(SmtpTest, ConversationOutcomes) {
-  const std::string multiLine = "550-first line\r\n550 5.1.1 no such user";
-  const ProtocolCase cases[] = {
-      {"plain send", {}, std::nullopt, "messageSent", "250 Message accepted", 1},
-      {"login accepted",
-       {"--user", "anna", "--password", "s3cret"},
-       Login{"anna", "s3cret"},
-       "authenticationCompleted,messageSent",
-       nullptr,
-       1},
-      {"login rejected",
-       {"--user", "anna", "--password", "s3cret"},
-       Login{"anna", "wrong"},
-       "authenticationFailed",
-       "535 ",
-       0},
-      {"unknown mechanism", {}, Login{"a", "b", "CRAM-MD5"}, "authenticationFailed", nullptr, 0},
-      {"rejected at DATA",
-       {"--mode", "reject"},
-       std::nullopt,
-       "messageNotSent",
-       "554 5.7.1 Message rejected",
-       0},
-      {"rejected at RCPT with a multi-line reply",
-       {"--mode", "reject", "--reject-at", "rcpt", "--reject-reply", multiLine},
-       std::nullopt,
-       "messageNotSent",
-       "550 5.1.1 no such user",
-       0},
-      {"silent server", {"--mode", "silent"}, std::nullopt, "connectionTimedOut", nullptr, 0},
-      {"hang-up after the greeting",
-       {"--mode", "hangup"},
-       std::nullopt,
-       "messageNotSent",
-       "220 test.local ESMTP",
-       0},
-      {"endless line", {"--mode", "flood"}, std::nullopt, "messageNotSent", nullptr, 0},
-      {"reply that is not SMTP",
-       {"--mode", "garbled"},
-       std::nullopt,
-       "messageNotSent",
-       "hello there",
-       0},
+  const char* const kLogin = "--user anna --password s3cret";
+  const struct {
+    const char* name;
+    const char* serverOptions;
+    const char* login;
+    const char* events;
+    const char* lastResponse;  // its beginning; nullptr: not checked
+    int delivered;
+    const char* rejectReply = nullptr;
+  } cases[] = {
+      {"plain send", "", nullptr, "messageSent", "250 Message accepted", 1},
+      {"login accepted", kLogin, "anna s3cret", "authenticationCompleted,messageSent", nullptr, 1},
+      {"login rejected", kLogin, "anna wrong", "authenticationFailed", "535 ", 0},
+      {"unknown mechanism", "", "a b CRAM-MD5", "authenticationFailed", nullptr, 0},
+      {"rejected at DATA", "--mode reject", nullptr, "messageNotSent", "554 5.7.1 Message", 0},
+      {"rejected at RCPT with a multi-line reply", "--mode reject --reject-at rcpt", nullptr,
+       "messageNotSent", "550 5.1.1 no such user", 0, "550-first line\r\n550 5.1.1 no such user"},
+      {"silent server", "--mode silent", nullptr, "connectionTimedOut", nullptr, 0},
+      {"hang-up after the greeting", "--mode hangup", nullptr, "messageNotSent", "220 test", 0},
+      {"endless line", "--mode flood", nullptr, "messageNotSent", nullptr, 0},
+      {"reply that is not SMTP", "--mode garbled", nullptr, "messageNotSent", "hello there", 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    SmtpServer server(c.serverArgs);
+    auto options = testing::Words(c.serverOptions);
+    if (c.rejectReply) options.insert(options.end(), {"--reject-reply", c.rejectReply});
+    SmtpServer server(options);
     ASSERT_NE(server.port(), 0);
     CWSMTP smtp("127.0.0.1", server.port());
     smtp.setMessage(SimpleMessage());
@@ -153,7 +124,7 @@ TEST_F(SmtpTest, ConversationOutcomes) {
     }
     EXPECT_EQ(server.MessageCount(), c.delivered);
     if (c.login && c.delivered) {
-      EXPECT_EQ(server.Message(1, "auth_user"), c.login->user);
+      EXPECT_EQ(server.Message(1, "auth_user"), "anna");
     }
   }
 }
@@ -194,17 +165,17 @@ TEST_F(SmtpTest, TLS) {
     const char* name;
     const char* subjectAltName;  // of the server's certificate
     bool trustTheTestAuthority, implicitTLS;
-    std::optional<Login> login;
+    const char* login;
     const char* events;
   } cases[] = {
-      {"STARTTLS with the test authority", kLocal, true, false, Login{"anna", "s3cret"},
+      {"STARTTLS with the test authority", kLocal, true, false, "anna s3cret",
        "authenticationCompleted,messageSent"},
       // Untrusted: nothing is sent, and above all not the password.
-      {"STARTTLS without the test authority", kLocal, false, false, Login{"anna", "s3cret"},
+      {"STARTTLS without the test authority", kLocal, false, false, "anna s3cret",
        "messageNotSent"},
-      {"STARTTLS to a certificate for another host", "DNS:mail.example.org", true, false,
-       std::nullopt, "messageNotSent"},
-      {"implicit TLS", kLocal, true, true, std::nullopt, "messageSent"},
+      {"STARTTLS to a certificate for another host", "DNS:mail.example.org", true, false, nullptr,
+       "messageNotSent"},
+      {"implicit TLS", kLocal, true, true, nullptr, "messageSent"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -240,7 +211,7 @@ TEST_F(SmtpTest, BodiesArriveIntactWhateverTheirLines) {
   ASSERT_NE(server.port(), 0);
   CWSMTP smtp("127.0.0.1", server.port());
   smtp.setMessage(SimpleMessage(u"Dots", plain, html));
-  ASSERT_EQ(Transfer(smtp, std::nullopt), "messageSent");
+  ASSERT_EQ(Transfer(smtp, nullptr), "messageSent");
   std::string raw = server.Message(1, "raw");
   size_t start = 0;
   while (start < raw.size()) {

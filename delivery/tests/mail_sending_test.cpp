@@ -12,6 +12,7 @@
 #include "delivery/mail_session.h"
 #include "delivery/run_loop.h"
 #include "platform/text.h"
+#include "testing/run_process.h"
 #include "testing/smtp_server.h"
 #include "testing/temp_home.h"
 #include "transcript/chat_log.h"
@@ -54,115 +55,74 @@ std::vector<std::string> MailLines(const std::string& captured) {
   return out;
 }
 
-struct Outcome {
-  const char* name;
-  std::vector<std::string> serverArgs;
-  std::map<std::string, PrefValue> prefs;
-  bool result;
-  std::vector<std::string> log;
-  std::optional<std::u16string> reportThis;  // nullopt: no report
-  int code;                                  // errorStatus (emailFails stands at 3)
-  int delivered;
-};
-
 TEST_F(MailSendingTest, OutcomesLogLinesAndReports) {
-  const std::map<std::string, PrefValue> login = {{"emailNeedsUsername", int64_t(1)},
-                                                  {"emailUsername", std::string("anna")},
-                                                  {"emailPassword", std::string("s3cret")}};
-  auto with = [](std::map<std::string, PrefValue> a, const std::map<std::string, PrefValue>& b) {
-    a.insert(b.begin(), b.end());
-    return a;
-  };
   // aiosmtpd's "530 5.7.0 Authentication required", as 16-bit units.
   const std::u16string kAuthRequired =
       u"\u3335\u2030\u2e35\u2e37\u2030\u7541\u6874\u6e65\u6974\u6163\u6974\u6e6f\u7220"
       u"\u7165\u6975\u6572";
-  const std::vector<std::string> authServer = {"--user", "anna", "--password", "s3cret"};
-  const Outcome cases[] = {
-      {"sent", {}, {}, false, {}, std::nullopt, 0, 1},
-      {"sent after login", authServer, login, false, {}, std::nullopt, 0, 1},
-      {"login rejected",
-       authServer,
-       with({{"emailPassword", std::string("wrong")}}, login),
-       false,
-       {"The SMTP server rejected the username/password."},
-       u"login rejected",
-       3,
+  // "550 nope": the reply's bytes taken two at a time, low byte first.
+  const std::u16string kNope = u"\u3535\u2030\u6f6e\u6570";
+  const char* const kAuth = "--user anna --password s3cret";
+  const char* const kError = "An error occurred while sending email:";
+  // The login preferences: none, right, wrong password, or a stored user
+  // name without emailNeedsUsername (which does not make us log in).
+  enum Login { kNone, kRight, kWrong, kNameOnly };
+  const struct {
+    const char* name;
+    const char* serverOptions;
+    const char* rejectReply;
+    Login login;
+    const char* logLine;        // the first mail log line; kError: the reply follows
+    std::u16string reportThis;  // "": no report
+    int code;                   // errorStatus (emailFails stands at 3)
+    int delivered;
+  } cases[] = {
+      {"sent", "", nullptr, kNone, nullptr, u"", 0, 1},
+      {"sent after login", kAuth, nullptr, kRight, nullptr, u"", 0, 1},
+      {"login rejected", kAuth, nullptr, kWrong, "The SMTP server rejected the username/password.",
+       u"login rejected", 3, 0},
+      {"no login without emailNeedsUsername", kAuth, nullptr, kNameOnly, kError, kAuthRequired, 2,
        0},
-      // A stored user name alone does not make us log in; this server
-      // insists, so the message is refused.
-      {"no login without emailNeedsUsername",
-       authServer,
-       with({{"emailNeedsUsername", int64_t(0)}}, login),
-       false,
-       {"An error occurred while sending email:", ToUtf8(kAuthRequired)},
-       kAuthRequired,
-       2,
-       0},
-      // "550 nope": the reply's bytes taken two at a time, low byte first.
-      {"refused",
-       {"--mode", "reject", "--reject-reply", "550 nope"},
-       {},
-       false,
-       {"An error occurred while sending email:", "\u3535\u2030\u6f6e\u6570"},
-       u"\u3535\u2030\u6f6e\u6570",
-       2,
-       0},
-      {"refused, odd length, last line of several",
-       {"--mode", "reject", "--reject-at", "rcpt", "--reject-reply", "550-first\r\n550 nope!"},
-       {},
-       false,
-       {"An error occurred while sending email:", "\u3535\u2030\u6f6e\u6570"},
-       u"\u3535\u2030\u6f6e\u6570",
-       2,
-       0},
+      {"refused", "--mode reject", "550 nope", kNone, kError, kNope, 2, 0},
+      {"refused, odd length, last line of several", "--mode reject --reject-at rcpt",
+       "550-first\r\n550 nope!", kNone, kError, kNope, 2, 0},
       // Units no preferences file can hold (a control, a lone surrogate)
       // become "?", so that the stored text is the logged one.
-      {"refused with awkward bytes",
-       {"--mode", "reject", "--escaped", "--reject-reply", "554 \\x01\\x00a\\u0600"},
-       {},
-       false,
-       {"An error occurred while sending email:", "\u3535\u2034??"},
-       u"\u3535\u2034??",
-       2,
-       0},
-      {"silent server",
-       {"--mode", "silent"},
-       {},
-       false,
-       {"The attempt to send email timed out."},
-       u"server not responding",
-       2,
-       0},
+      {"refused with awkward bytes", "--mode reject --escaped", "554 \\x01\\x00a\\u0600", kNone,
+       kError, u"\u3535\u2034??", 2, 0},
+      {"silent server", "--mode silent", nullptr, kNone, "The attempt to send email timed out.",
+       u"server not responding", 2, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    SmtpServer server(c.serverArgs);
+    auto options = testing::Words(c.serverOptions);
+    if (c.rejectReply) options.insert(options.end(), {"--reject-reply", c.rejectReply});
+    SmtpServer server(options);
     ASSERT_NE(server.port(), 0);
-    auto prefs = c.prefs;
-    prefs["emailFails"] = int64_t(3);
+    std::map<std::string, PrefValue> prefs = {{"emailFails", int64_t(3)}};
+    if (c.login != kNone) {
+      prefs.insert({{"emailNeedsUsername", int64_t(c.login == kNameOnly ? 0 : 1)},
+                    {"emailUsername", std::string("anna")},
+                    {"emailPassword", std::string(c.login == kWrong ? "wrong" : "s3cret")}});
+    }
     ResetPrefs(prefs);
     CWSMTP smtp("127.0.0.1", server.port());
     smtp.setMessage(BuildMail(u"[IM] Test", std::string("me@example.org"),
                               std::string("you@example.org"), u"plain\n", "<b>html</b>"));
     MailSession session;
     ::testing::internal::CaptureStderr();
-    bool result = session.HandleEmailSending(smtp);
+    EXPECT_FALSE(session.HandleEmailSending(smtp));
     std::string captured = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(result, c.result);
-    EXPECT_EQ(MailLines(captured), c.log) << captured;
-    auto report = ReadPref("reportThis");
-    if (c.reportThis) {
-      EXPECT_EQ(StringValue(report).value_or("<none>"), ToUtf8(*c.reportThis));
-    } else {
-      EXPECT_FALSE(report.has_value());
-    }
+    std::vector<std::string> log;
+    if (c.logLine) log.push_back(c.logLine);
+    if (c.logLine == kError) log.push_back(ToUtf8(c.reportThis));
+    EXPECT_EQ(MailLines(captured), log) << captured;
+    EXPECT_EQ(StringValue(ReadPref("reportThis")).value_or(""), ToUtf8(c.reportThis));
     EXPECT_EQ(IntValue(ReadPref("errorStatus")), c.code);
     EXPECT_EQ(server.MessageCount(), c.delivered);
     EXPECT_FALSE(RunLoop::Current().HasSources());  // nothing left to fire later
   }
 }
-
 // Transfers that end without a reply from the server.
 TEST_F(MailSendingTest, WaitsThatEndEarly) {
   SmtpServer silent({"--mode", "silent"});

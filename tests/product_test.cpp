@@ -17,6 +17,7 @@
 #include "platform/files.h"
 #include "platform/plist.h"
 #include "platform/preferences.h"
+#include "testing/images.h"
 #include "testing/run_process.h"
 #include "testing/smtp_server.h"
 #include "testing/temp_home.h"
@@ -94,7 +95,7 @@ Chat Conversation(const std::string& party, double start, int lines, int links, 
     l.text = "line " + std::to_string(i) + " of the chat with " + party;
     if (i < links) l.links.push_back("http://example.org/" + party + "/" + std::to_string(i));
     if (i < images)
-      l.attachments.push_back({"photo" + std::to_string(i) + ".png", samples::PngImage(4, 3)});
+      l.attachments.push_back({"photo" + std::to_string(i) + ".png", EncodedImage(4, 3)});
     c.lines.push_back(l);
   }
   return c;
@@ -148,7 +149,7 @@ TEST_F(ProductTest, AgentMailsGathersGrowsAndRetries) {
   // only those are added, the mail carries the whole chat again.
   Chat grown = Conversation("Anna", kMarch2005, 8, 2, 1, true);
   grown.lines[6].links = {"http://example.org/Anna/late"};
-  grown.lines[7].attachments = {{"late.png", samples::PngImage(3, 4)}};
+  grown.lines[7].attachments = {{"late.png", EncodedImage(3, 4)}};
   RenameIn(grown);
   ASSERT_TRUE(WaitFor([&] { return sink.MessageCount() == 4; })) << log();
   EXPECT_EQ(Subjects(sink)[3], "[IM] Anna");

@@ -1,7 +1,6 @@
 // The transcript side: gathering, the merges into both stores, and the text
 // logs, with transcripts built in memory.
 #include <gtest/gtest.h>
-#include <vips/vips.h>
 
 #include "library/gathering.h"
 #include "library/log_generator.h"
@@ -9,11 +8,13 @@
 #include "platform/image_size.h"
 #include "platform/preferences.h"
 #include "platform/text.h"
+#include "testing/images.h"
 #include "testing/transcripts.h"
 
 namespace gab {
 namespace {
 
+using testing::EncodedImage;
 using testing::ExpectGolden;
 using testing::FileNamed;
 using testing::LibraryHome;
@@ -21,19 +22,6 @@ using testing::LinkString;
 using testing::March8;
 using testing::Said;
 using testing::TestTemplate;
-
-std::string Png(int width, int height) {
-  ImagePixelSize("");  // starts libvips
-  VipsImage* black = nullptr;
-  EXPECT_EQ(vips_black(&black, width, height, nullptr), 0);
-  void* buf = nullptr;
-  size_t len = 0;
-  EXPECT_EQ(vips_image_write_to_buffer(black, ".png", &buf, &len, nullptr), 0);
-  g_object_unref(black);
-  std::string out(static_cast<char*>(buf), len);
-  g_free(buf);
-  return out;
-}
 
 std::unique_ptr<ICLPChatLog> LinkChat() {
   auto url = std::make_shared<URL>();
@@ -103,16 +91,17 @@ TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
 std::unique_ptr<ICLPChatLog> ImageChat() {
   auto dir = FileNamed(u"folder.d", "", /*regular=*/false);
   return ICLPChatLog::FromParts(
-      u"Bob", {Said(u"Ann", March8(),
-                    {{u"look"}, {u"\uFFFC", nullptr, FileNamed(u"photo.jpg", Png(64, 48))}}),
-               Said(u"Bob", March8(1),
-                    {{u"\uFFFC", nullptr, FileNamed(std::nullopt, Png(30, 70))},
-                     {u"\uFFFC", nullptr, dir},  // not a file: keeps the size before it
-                     {u"\uFFFC", nullptr, FileNamed(u"notes.pdf", "not really a pdf")}}),
-               Said(u"Bob", March8(2),
-                    {{u"\uFFFC", nullptr, FileNamed(u"../../escape.png", Png(8, 8))},
-                     {u"\uFFFC", nullptr, FileNamed(u"x.png", Png(8, 8))}}),
-               Said(u"a/b", March8(3), {{u"\uFFFC", nullptr, FileNamed(u"y.png", Png(8, 8))}})});
+      u"Bob",
+      {Said(u"Ann", March8(),
+            {{u"look"}, {u"\uFFFC", nullptr, FileNamed(u"photo.jpg", EncodedImage(64, 48))}}),
+       Said(u"Bob", March8(1),
+            {{u"\uFFFC", nullptr, FileNamed(std::nullopt, EncodedImage(30, 70))},
+             {u"\uFFFC", nullptr, dir},  // not a file: keeps the size before it
+             {u"\uFFFC", nullptr, FileNamed(u"notes.pdf", "not really a pdf")}}),
+       Said(u"Bob", March8(2),
+            {{u"\uFFFC", nullptr, FileNamed(u"../../escape.png", EncodedImage(8, 8))},
+             {u"\uFFFC", nullptr, FileNamed(u"x.png", EncodedImage(8, 8))}}),
+       Said(u"a/b", March8(3), {{u"\uFFFC", nullptr, FileNamed(u"y.png", EncodedImage(8, 8))}})});
 }
 
 TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
@@ -122,7 +111,7 @@ TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
   GenerateImageFiles(chat.get());
   ExpectGolden(home.Get("gatheredImages.plist"), "merge_images_store.plist");
   ExpectGolden(home.Get("Images.html"), "merge_images_All.html");
-  EXPECT_EQ(home.Get("Images/photo-Ann-2005-03-08 15:07:42 -0500.jpg"), Png(64, 48));
+  EXPECT_EQ(home.Get("Images/photo-Ann-2005-03-08 15:07:42 -0500.jpg"), EncodedImage(64, 48));
   EXPECT_TRUE(home.Has("Images/Bob-2005-03-08 15:08:42 -0500.image"));
   EXPECT_TRUE(home.Has("Images/notes-Bob-2005-03-08 15:08:42 -0500.pdf"));
   EXPECT_FALSE(home.Has("Images/folder-Bob-2005-03-08 15:08:42 -0500.d"));
@@ -130,7 +119,7 @@ TEST(TranscriptMerge, ImagesAreStoredNamedAndMeasured) {
   // the refused escape.png of the same date) and the image of "a/b", whose
   // stored name is not one component and so is not copied.
   EXPECT_EQ(home.Get("Images/topimages/01.pdf"), "not really a pdf");
-  EXPECT_EQ(home.Get("Images/topimages/02.png"), Png(8, 8));
+  EXPECT_EQ(home.Get("Images/topimages/02.png"), EncodedImage(8, 8));
   EXPECT_FALSE(home.Has("Images/topimages/03.png"));
   // No name from the chat reaches outside the data folder.
   for (const auto& f : home.AllFiles()) EXPECT_EQ(f.rfind("Library/Gabfolio/", 0), 0u) << f;

@@ -8,6 +8,7 @@
 
 #include "archive/keyed.h"
 #include "archive/testing/fixture_writer.h"
+#include "bench/large_transcript.h"
 #include "archive/typedstream.h"
 #include "transcript/instant_message.h"
 #include "transcript/presentity.h"
@@ -32,7 +33,7 @@ const std::string& Archive(Format f, int messages) {
   if (it == cache.end()) {
     it = cache
              .emplace(key,
-                      gab::fixtures::WriteTranscript(gab::fixtures::LargeTranscript(messages), f))
+                      gab::fixtures::WriteTranscript(gab::bench::LargeTranscript(messages), f))
              .first;
   }
   return it->second;

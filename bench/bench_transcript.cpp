@@ -6,6 +6,7 @@
 #include <string>
 
 #include "archive/testing/fixture_writer.h"
+#include "bench/large_transcript.h"
 #include "platform/text.h"
 #include "testing/temp_home.h"
 #include "transcript/chat_log.h"
@@ -113,7 +114,7 @@ void LoadFile(benchmark::State& state, fixtures::Format format, const char* exte
   testing::TempHome& home = Home();
   const std::string name = std::string("buddy42 on 2005-03-01.") + extension;
   const std::string bytes =
-      fixtures::WriteTranscript(fixtures::LargeTranscript(int(state.range(0))), format);
+      fixtures::WriteTranscript(bench::LargeTranscript(int(state.range(0))), format);
   home.Write(name, bytes);
   for (auto _ : state) {
     auto log = ICLPChatLog::InitWithFilePath(home.path() + "/" + name);

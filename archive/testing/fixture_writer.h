@@ -92,8 +92,4 @@ std::string SerializeRegularFile(const std::u16string& fileName, const std::stri
 // arrays, dictionaries and attributed strings.
 std::string WriteTypedstreamObject(const ObjectPtr& root, bool bigEndian);
 
-// A large transcript for benchmarks: `count` messages between two people
-// with styled runs, links of both kinds and a few attachments.
-Transcript LargeTranscript(int count);
-
 }  // namespace gab::fixtures

@@ -13,6 +13,11 @@ namespace fx = fixtures;
 
 const std::string kBook = "Library/Application Support/AddressBook/";
 
+// Times and flags wider than a byte, in the archives' byte order.
+Date At(double seconds) {
+  return Date{1.1e8 + 0.25 + seconds};
+}
+
 fx::TextRun Run(std::u16string text) {
   return fx::TextRun(std::move(text));
 }
@@ -31,22 +36,22 @@ fx::Transcript Sample() {
   fx::Transcript t;
   t.participants = {bob, carl};
   fx::Message m1{bob,
-                 Date{100},
+                 At(100),
                  {Run(u"hi "), LinkRun(u"example", u"http://example.org/", true), Run(u" and "),
                   LinkRun(u"x", u"http://s.example/", false)}};
-  m1.flags = 5;
+  m1.flags = 70000;
   fx::TextRun picture(u"");
   picture.attachment = fx::Attachment(u"a.png", "PNGDATA");
   fx::TextRun styled(u"look ");
   styled.fontName = u"Helvetica";
   styled.rgb = std::array<double, 3>{1, 0, 0};
-  fx::Message m2{me, Date{200}, {styled, picture}};
+  fx::Message m2{me, At(200), {styled, picture}};
   fx::TextRun grey(u"buddy1 went away");
   grey.white = 0.5;
-  fx::Message status{std::nullopt, Date{300}, {grey}};
-  fx::Message noText{bob, Date{400}, {}, true, 0xFFFFFFFF};
-  fx::Message m5{carl, Date{500}, {Run(u"lol  lol\nlol")}};
-  fx::Message plain{fx::Speaker{u"AIM", u"someone", true}, Date{600}, {Run(u"plain words")}};
+  fx::Message status{std::nullopt, At(300), {grey}};
+  fx::Message noText{bob, At(400), {}, true, 0xFFFFFFFF};
+  fx::Message m5{carl, At(500), {Run(u"lol  lol\nlol")}};
+  fx::Message plain{fx::Speaker{u"AIM", u"someone", true}, At(600), {Run(u"plain words")}};
   plain.plainText = true;
   t.messages = {m1, m2, status, noText, m5, plain};
   return t;
@@ -93,7 +98,7 @@ TEST_P(ChatLogFile, LoadsAndAnswersEveryQuery) {
   EXPECT_TRUE(log->NameInSpeakerList(u"buddy1"));
   EXPECT_TRUE(log->NameInSpeakerList(u"carl@mac"));
   EXPECT_FALSE(log->NameInSpeakerList(u"Bob Stone"));
-  EXPECT_EQ(log->LastMessageDate(), Date{600});
+  EXPECT_EQ(log->LastMessageDate(), At(600));
   EXPECT_NE(log->description(), u"");
 
   const auto& m = log->Messages();
@@ -110,11 +115,11 @@ TEST_P(ChatLogFile, LoadsAndAnswersEveryQuery) {
     SCOPED_TRACE(i);
     EXPECT_EQ(m[i]->Speaker(), speakers[i]);
     EXPECT_EQ(m[i]->rawSpeaker(), raw[i]);
-    EXPECT_EQ(m[i]->TimeStamp(), Date{100.0 * double(i + 1)});
+    EXPECT_EQ(m[i]->TimeStamp(), At(100.0 * double(i + 1)));
     EXPECT_EQ(m[i]->isStatusMessage(), status[i]);
     EXPECT_EQ(m[i]->PlainString(), plain[i]);
   }
-  EXPECT_EQ(m[0]->mystery, 5u);
+  EXPECT_EQ(m[0]->mystery, 70000u);
   EXPECT_EQ(m[3]->mystery, 0xFFFFFFFFu);
   EXPECT_TRUE(As<Color>(m[2]->string->AttributeAt(0, kColorAttribute)));
   EXPECT_EQ(m[0]->speaker->Protocol(), u"AIM");
@@ -125,7 +130,7 @@ TEST_P(ChatLogFile, LoadsAndAnswersEveryQuery) {
   auto links = m[0]->allURLs();
   ASSERT_TRUE(links);
   EXPECT_EQ(links->speaker, u"Bob Stone");
-  EXPECT_EQ(links->time, Date{100});
+  EXPECT_EQ(links->time, At(100));
   EXPECT_EQ(links->urls,
             (std::vector<std::u16string>{u"http://example.org/", u"http://s.example/"}));
   EXPECT_FALSE(m[2]->allURLs());

@@ -20,6 +20,10 @@ struct GalleryCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+void PrintTo(const GalleryCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class GalleryGolden : public ::testing::TestWithParam<GalleryCase> {};
 
 TEST_P(GalleryGolden, RebuildsEveryPageFromTheStore) {

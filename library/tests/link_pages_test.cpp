@@ -24,6 +24,10 @@ struct PagesCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+void PrintTo(const PagesCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class LinkPagesGolden : public ::testing::TestWithParam<PagesCase> {};
 
 TEST_P(LinkPagesGolden, RebuildsEveryPageFromTheStore) {

@@ -7,6 +7,8 @@
 
 #include "parser/scan.h"
 #include "platform/log.h"
+#include "platform/report_error.h"
+#include "platform/write_batch.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
@@ -59,7 +61,12 @@ class Run {
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
   void Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
-  void Flush();
+  bool Flush();
+
+  // Counts of the batch not yet committed; they reach the summary with it.
+  struct Added {
+    int64_t processed = 0, messages = 0, links = 0, images = 0;
+  };
 
   Library& library_;
   const RunOptions& options_;
@@ -69,6 +76,12 @@ class Run {
   std::vector<std::shared_ptr<ICLPInstantMessage>> batch_;  // new messages not yet gathered
   size_t batchTranscripts_ = 0;
   std::chrono::steady_clock::time_point lastFlush_ = std::chrono::steady_clock::now();
+  Added added_;
+  // Every write into the data folder (stores, pages, logs, images, the
+  // record) is held here until the batch commits, so a run killed at any
+  // moment leaves the library and the record as they were after the last
+  // commit, and the next run does the rest exactly once.
+  std::unique_ptr<WriteBatch> writes_;
 };
 
 bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
@@ -86,12 +99,9 @@ bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
   return false;
 }
 
+// Held by the batch with the library's writes; see Flush.
 void Run::Save() {
-  std::string error;
-  if (!SaveRecord(recordPath_, record_, &error)) {
-    if (!summary_.recordWriteFailed) NSLog("Unable to write " + recordPath_ + ": " + error);
-    summary_.recordWriteFailed = true;
-  }
+  SaveRecord(recordPath_, record_);
 }
 
 void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
@@ -150,26 +160,28 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     }
   }
 
-  // The record says "handled" before the library is touched: a run killed
-  // half-way leaves a transcript's additions incomplete, never doubled.
+  // The record's "handled" and the library's additions commit together.
   e.handled = count;
   e.state = mailPending ? State::kMailPending : State::kDone;
   if (!mailPending) e.reason.clear();
   Save();
 
-  if (!hasNew) return;
-  std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
-  batch_.insert(batch_.end(), fresh.begin(), fresh.end());
-  ++batchTranscripts_;
-  auto part =
-      ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
-  library_.CountStatistics(*part);
-
-  ++summary_.processed;
-  summary_.messages += count - from;
-  if (!options_.progress)
-    NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
-          (mailNow && !mailPending ? ", mailed" : ""));
+  if (hasNew) {
+    std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
+    batch_.insert(batch_.end(), fresh.begin(), fresh.end());
+    ++batchTranscripts_;
+    auto part =
+        ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
+    library_.CountStatistics(*part);
+    ++added_.processed;
+    added_.messages += count - from;
+    if (!options_.progress)
+      NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
+            (mailNow && !mailPending ? ", mailed" : ""));
+  }
+  // A mail's outcome is committed at once, so a kill after the server took
+  // the mail does not send it again.
+  if (mailNow) Flush();
 }
 
 // Links and images go into the stores, pages and text logs for many
@@ -177,24 +189,52 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
 // with an fsync, and one per transcript made a first run over a big folder
 // crawl.  Each message keeps its own speaker and time, so the result is the
 // same as adding the transcripts one by one.
-void Run::Flush() {
-  if (batch_.empty()) return;
-  auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
-  batch_.clear();
-  int64_t links = 0, images = 0;
-  if (options_.handleURLs) links = library_.GatherLinks(*all, options_.dataFolder + "/links.txt");
-  if (options_.handleImages)
-    images = library_.GatherImages(*all, options_.dataFolder + "/images.txt");
-  summary_.links += links;
-  summary_.images += images;
-  if (!options_.progress && (links || images))
-    NSLog("Gathered " + std::to_string(links) + " links and " + std::to_string(images) +
-          " images from " + std::to_string(batchTranscripts_) + " transcripts");
-  batchTranscripts_ = 0;
+bool Run::Flush() {
+  if (!batch_.empty()) {
+    auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
+    batch_.clear();
+    if (options_.handleURLs)
+      added_.links += library_.GatherLinks(*all, options_.dataFolder + "/links.txt");
+    if (options_.handleImages)
+      added_.images += library_.GatherImages(*all, options_.dataFolder + "/images.txt");
+  }
   lastFlush_ = std::chrono::steady_clock::now();
+  std::string error;
+  if (!writes_->Commit(&error)) {
+    // Nothing of the batch counts as done: the record on disk still says
+    // what the library holds, and a later run takes the work up again.
+    NSLog("Unable to save the library in " + options_.dataFolder + ": " + error);
+    reportError(ErrorCode::kFileSystem, u"permissions");
+    summary_.libraryWriteFailed = error;
+    summary_.recordWriteFailed = true;
+    batchTranscripts_ = 0;
+    added_ = {};
+    return false;
+  }
+  summary_.processed += added_.processed;
+  summary_.messages += added_.messages;
+  summary_.links += added_.links;
+  summary_.images += added_.images;
+  if (!options_.progress && (added_.links || added_.images))
+    NSLog("Gathered " + std::to_string(added_.links) + " links and " +
+          std::to_string(added_.images) + " images from " + std::to_string(batchTranscripts_) +
+          " transcripts");
+  batchTranscripts_ = 0;
+  added_ = {};
+  return true;
 }
 
 RunSummary Run::Go() {
+  // A run killed while applying its last batch finishes that batch first.
+  std::string recovery;
+  if (!RecoverWriteBatch(options_.dataFolder, &recovery)) {
+    NSLog("Unable to finish the last save of the library: " + recovery);
+    reportError(ErrorCode::kFileSystem, u"permissions");
+    summary_.libraryWriteFailed = recovery;
+    summary_.recordWriteFailed = true;
+    return summary_;
+  }
+  writes_ = std::make_unique<WriteBatch>(options_.dataFolder);
   bool damaged = false;
   record_ = LoadRecord(recordPath_, &damaged);
   if (damaged) {
@@ -240,7 +280,9 @@ RunSummary Run::Go() {
       NSLog(std::to_string(summary_.deferred) + " transcripts are left for the next run");
       break;
     }
-    if (batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) Flush();
+    if ((batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) && !Flush())
+      break;
+    if (summary_.recordWriteFailed) break;
     auto it = record_.transcripts.find(f.key);
     if (it == record_.transcripts.end()) {
       if (!vanishedBuilt) {
@@ -266,7 +308,7 @@ RunSummary Run::Go() {
     RecordEntry& e = it->second;
     Handle(f, e);
   }
-  Flush();
+  if (!summary_.recordWriteFailed) Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");
   return summary_;
 }

@@ -71,18 +71,19 @@ struct RunSummary {
   int64_t waiting = 0;                                          // chats still open
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   bool stopped = false;                                         // keepRunning was cleared
-  int64_t deferred = 0;  // left for the next run (time budget)
-  bool recordWriteFailed = false;
+  int64_t deferred = 0;            // left for the next run (time budget)
+  bool recordWriteFailed = false;  // the library or the record could not be saved
+  std::string libraryWriteFailed;  // why, when it could not
 };
 
 // Paths of the parser's files in the data folder.
 std::string RecordPath(const std::string& dataFolder);
 std::string LockPath(const std::string& dataFolder);
 
-// One run; the caller holds the lock.  The record is saved after every
-// transcript that changed it, before the library is touched, so a run cut
-// short never counts a message twice (a run killed outright loses the links
-// and images of the batch in hand).
+// One run; the caller holds the lock.  The record and the library's stores,
+// pages and logs are committed together, batch by batch, so a run cut short
+// at any moment neither loses nor doubles anything: the next run goes on
+// from the last commit.
 RunSummary ProcessTranscripts(Library& library, const RunOptions& options);
 
 }  // namespace gab::parser

@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/home.h"
 #include "platform/log.h"
+#include "platform/write_batch.h"
 
 namespace gab {
 namespace {
@@ -96,6 +97,7 @@ bool WriteStoreIntoDataFolder(std::string_view name, std::string_view bytes) {
 }
 
 void ResetTopImagesFolder() {
+  if (write_batch_internal::HoldTopImagesReset()) return;
   std::string images = FolderPath("Images");
   int fd = open(images.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
@@ -109,6 +111,8 @@ bool CopyIntoTopImages(std::string_view storedName, std::string_view destName) {
   if (storedName.substr(0, kPrefix.size()) != kPrefix) return false;
   std::string_view source = storedName.substr(kPrefix.size());
   if (!IsPlainFileName(source) || source == "topimages" || !IsPlainFileName(destName)) return false;
+  // The source may be a file the open batch holds: copy when it is applied.
+  if (write_batch_internal::HoldTopImagesCopy(storedName, destName)) return true;
   std::string images = FolderPath("Images");
   int in = open((images + "/" + std::string(source)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (in < 0) return false;

@@ -8,9 +8,12 @@
 #include <cstring>
 #include <vector>
 
+#include "platform/write_batch.h"
+
 namespace gab {
 
 std::optional<std::string> ReadWholeFile(const std::string& path) {
+  if (const std::string* held = write_batch_internal::HeldContents(path)) return *held;
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string data;
@@ -38,7 +41,13 @@ bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t
     if (error) *error = std::string(what) + ": " + std::strerror(errno);
     return false;
   };
-  std::string tmpl = path + ".XXXXXX";
+  if (write_batch_internal::Hold(path, bytes, mode)) return true;
+  // A hidden name beside the file: a process killed before the rename leaves
+  // only this behind (see RemoveStaleTemporaryFiles).
+  size_t slash = path.rfind('/');
+  std::string tmpl = slash == std::string::npos
+                         ? "." + path + ".tmp-XXXXXX"
+                         : path.substr(0, slash + 1) + "." + path.substr(slash + 1) + ".tmp-XXXXXX";
   std::vector<char> name(tmpl.begin(), tmpl.end());
   name.push_back('\0');
   int fd = mkostemp(name.data(), O_CLOEXEC);
@@ -74,6 +83,7 @@ bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t
 }
 
 bool FileExists(const std::string& path) {
+  if (write_batch_internal::HeldContents(path)) return true;
   struct stat st {};
   return ::lstat(path.c_str(), &st) == 0;
 }

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
+
 #include "parser/processor.h"
 #include "parser/record.h"
 #include "parser/run_lock.h"
@@ -275,6 +278,68 @@ TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   EXPECT_EQ(again.err, "");
   EXPECT_EQ(ReadFile(lib() / "processed.plist"), before);
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == 5; })) << Statistic("chatcount");
+}
+
+}  // namespace
+}  // namespace gab::product
+
+namespace gab::product {
+namespace {
+
+// Everything an import leaves in the library that must not depend on when a
+// run was killed: the stores (statistics without their dates, which are the
+// time of the first count), the text logs and the stored images.
+std::string LibraryState(const fs::path& lib) {
+  std::string state;
+  for (const char* name :
+       {"gatheredURLs.plist", "gatheredImages.plist", "links.txt", "images.txt", "processed.plist"})
+    state += std::string("== ") + name + "\n" + ReadFile(lib / name);
+  std::string stats = ReadFile(lib / "talkpulse.plist");
+  for (size_t at = stats.find("<date>"); at != std::string::npos; at = stats.find("<date>", at))
+    stats.erase(at, stats.find("</date>", at) + 7 - at);
+  state += "== talkpulse.plist\n" + stats;
+  std::vector<std::string> images;
+  for (auto& e : fs::directory_iterator(lib / "Images"))
+    // Hidden temporary files of killed writes are no part of the library.
+    if (e.is_regular_file() && e.path().filename().string()[0] != '.')
+      images.push_back(e.path().filename().string());
+  std::sort(images.begin(), images.end());
+  for (const auto& name : images)
+    state += "== Images/" + name + "\n" + ReadFile(lib / "Images" / name);
+  return state;
+}
+
+TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
+  fs::path old = home() / "old chats";
+  fs::create_directories(old);
+  for (int i = 0; i < 60; ++i)
+    samples::WriteChat(old.string(), samples::TypicalChat("friend" + std::to_string(i % 9),
+                                                          kMarch2005 + i * 3600, 15, i % 2 == 0));
+
+  // The reference: one uninterrupted import into a home of its own.
+  fs::path other = home() / "reference";
+  fs::create_directories(other);
+  const std::vector<std::string> otherEnv = {"HOME=" + other.string()};
+  ASSERT_EQ(RunProgram({kTool, "setup"}, home() / ".logs", otherEnv).status, 0);
+  auto started = std::chrono::steady_clock::now();
+  Result reference = RunProgram({kTool, "import", old.string()}, home() / ".logs", otherEnv);
+  ASSERT_EQ(reference.status, 0) << reference.err;
+  auto took = std::chrono::steady_clock::now() - started;
+  const std::string expected = LibraryState(other / "Library/Gabfolio");
+
+  // Killed outright at random moments, then run to the end.
+  std::mt19937 random(::testing::UnitTest::GetInstance()->random_seed());
+  std::uniform_int_distribution<int64_t> moment(
+      0, std::chrono::duration_cast<std::chrono::microseconds>(took).count());
+  for (int kill = 0; kill < 8; ++kill) {
+    Process p({kTool, "import", old.string()}, home() / ".logs", "killed" + std::to_string(kill));
+    std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
+    p.Signal(SIGKILL);
+    p.Wait(30);
+  }
+  Result last = Tool({"import", old.string()});
+  ASSERT_EQ(last.status, 0) << last.err;
+  EXPECT_EQ(LibraryState(lib()), expected);
 }
 
 }  // namespace

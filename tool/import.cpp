@@ -126,7 +126,10 @@ int RunImport(int argc, char** argv) {
     return 130;
   }
   if (s.recordWriteFailed) {
-    std::fprintf(stderr, "gabfolio import: could not write %s\n", parser::RecordPath(data).c_str());
+    std::fprintf(stderr,
+                 "gabfolio import: could not save the library in %s: %s\n"
+                 "What was not saved is imported again on the next run.\n",
+                 data.c_str(), EscapeControlCharacters(s.libraryWriteFailed).c_str());
     return kFailure;
   }
   if (s.processed) std::printf("See the library with 'gabfolio view'.\n");

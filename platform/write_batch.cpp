@@ -5,11 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <unordered_map>
 #include <vector>
 
@@ -92,8 +91,8 @@ bool SafeRelativePath(std::string_view path) {
   size_t start = 0;
   while (start <= path.size()) {
     size_t slash = path.find('/', start);
-    std::string_view part =
-        path.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    std::string_view part = path.substr(
+        start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
     if (part.empty() || part == "." || part == "..") return false;
     if (slash == std::string_view::npos) break;
     start = slash + 1;
@@ -174,8 +173,8 @@ void RemoveStaleTemporaryFiles(const std::string& folder) {
         name.size() - tmp != 11)
       continue;
     struct stat st {};
-    if (fstatat(dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-        S_ISREG(st.st_mode) && now - st.st_mtime > kStaleSeconds)
+    if (fstatat(dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+        now - st.st_mtime > kStaleSeconds)
       unlinkat(dirfd(dir), entry->d_name, 0);
   }
   closedir(dir);

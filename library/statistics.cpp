@@ -142,7 +142,7 @@ void UpdateStatistics(const ICLPChatLog* transcript) {
 
   std::optional<std::string> page = ReadWholeFile(folder + "/" + kTemplateName);
   if (!page) return;
-  WriteIntoDataFolder("", kPageName, FillStatisticsTemplate(std::move(*page), totals));
+  WriteLibraryPage(kPageName, FillStatisticsTemplate(std::move(*page), totals));
 }
 
 }  // namespace gab

@@ -16,10 +16,15 @@
 namespace gab {
 namespace {
 
-constexpr std::array<std::string_view, 9> kKeptInDataFolder = {
+// The three pages every library has: a speaker named "stats", "Links" or
+// "Images" must not replace them with a page of their own.
+constexpr std::array<std::string_view, 3> kLibraryPages = {"Links.html", "Images.html",
+                                                           "stats.html"};
+constexpr std::array<std::string_view, 12> kKeptInDataFolder = {
     "linktemplate.html",  "imagetemplate.html",   "statstemplate.html",
     "gatheredURLs.plist", "gatheredImages.plist", "talkpulse.plist",
     "curses.plist",       "netspeak.plist",       "pidfile",
+    kLibraryPages[0],     kLibraryPages[1],       kLibraryPages[2],
 };
 constexpr std::array<std::string_view, 2> kKeptInImages = {"pdf.png", "topimages"};
 
@@ -88,6 +93,12 @@ bool WriteIntoDataFolder(std::string_view subfolder, std::string_view name,
     return false;
   }
   return WriteIntoFolder(FolderPath(subfolder), name, bytes);
+}
+
+bool WriteLibraryPage(std::string_view name, std::string_view bytes) {
+  for (auto page : kLibraryPages)
+    if (name == page) return WriteFileAtomically(FolderPath("") + "/" + std::string(name), bytes);
+  return false;
 }
 
 bool WriteStoreIntoDataFolder(std::string_view name, std::string_view bytes) {

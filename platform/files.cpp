@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -33,6 +35,65 @@ std::optional<std::string> ReadWholeFile(const std::string& path) {
   }
   ::close(fd);
   return data;
+}
+
+std::optional<std::string> ReadRegularFile(const std::string& path, size_t limit,
+                                           std::string* err) {
+  auto fail = [&](std::string why) -> std::optional<std::string> {
+    if (err) *err = std::move(why);
+    return std::nullopt;
+  };
+  // O_NONBLOCK: opening a FIFO must not wait for a writer.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return fail(std::string("cannot read the file: ") + std::strerror(errno));
+  struct stat st {};
+  if (fstat(fd, &st) != 0) {
+    int saved = errno;
+    ::close(fd);
+    return fail(std::string("cannot read the file: ") + std::strerror(saved));
+  }
+  if (!S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return fail(S_ISDIR(st.st_mode) ? "it is a folder, not a file"
+                                    : "not a regular file (a device, FIFO or socket)");
+  }
+  if (uint64_t(st.st_size) > limit) {
+    ::close(fd);
+    return fail("the file is too large (" + std::to_string(st.st_size / (1024 * 1024)) +
+                " MiB; at most " + std::to_string(limit / (1024 * 1024)) + " MiB are read)");
+  }
+  std::string data;
+  data.resize(size_t(st.st_size));
+  size_t off = 0;
+  for (;;) {
+    // One byte of room beyond the size tells a file that grew meanwhile.
+    if (off == data.size()) {
+      if (data.size() >= limit) break;
+      data.resize(std::min(limit, data.size() + (1 << 16)));
+    }
+    ssize_t n = ::read(fd, data.data() + off, data.size() - off);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      int saved = errno;
+      ::close(fd);
+      return fail(std::string("cannot read the file: ") + std::strerror(saved));
+    }
+    if (n == 0) break;
+    off += size_t(n);
+  }
+  ::close(fd);
+  data.resize(off);
+  return data;
+}
+
+size_t UntrustedFileLimit() {
+  static const size_t limit = [] {
+    constexpr uint64_t kCeiling = uint64_t(256) << 20;  // real transcripts stay below 50 MiB
+    long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGE_SIZE);
+    uint64_t quarter = pages > 0 && pageSize > 0 ? uint64_t(pages) * uint64_t(pageSize) / 4 : 0;
+    return size_t(quarter ? std::min(kCeiling, quarter) : kCeiling);
+  }();
+  return limit;
 }
 
 bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t mode,

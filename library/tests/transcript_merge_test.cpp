@@ -81,6 +81,30 @@ TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
   EXPECT_EQ(n, 8u);
 }
 
+size_t CountOf(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+// A NUL inside a name would end it in the store and merge two people into
+// one; it is kept apart as U+FFFD, and found again on the next merge.
+TEST(TranscriptMerge, NamesWithNulStayDistinct) {
+  TestHome home;
+  home.Put("linktemplate.html", TestTemplate("____LINKS"));
+  const std::u16string nul(u"nul\0name", 8);
+  for (int round = 0; round < 2; ++round)
+    GenerateLinkFiles(ICLPChatLog::FromParts(
+                          u"x", {Message(nul, March8(), {{u"a", LinkString(u"http://a/")}}),
+                                 Message(u"nul", March8(), {{u"b", LinkString(u"http://b/")}})})
+                          .get());
+  auto store = home.Get("gatheredURLs.plist");
+  ASSERT_TRUE(store);
+  EXPECT_NE(store->find("<string>nul\xEF\xBF\xBDname</string>"), std::string::npos) << *store;
+  EXPECT_EQ(CountOf(*store, "<key>speaker</key>"), 2u) << *store;
+  EXPECT_EQ(CountOf(*store, "<key>linkurl</key>"), 4u) << *store;
+}
+
 // A store that does not parse, or is not a list, is reported and kept.
 TEST(TranscriptMerge, UnreadableLinkStoreIsReportedAndKept) {
   for (const char* bad :

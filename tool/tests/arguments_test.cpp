@@ -36,7 +36,7 @@ TEST(Arguments, HelpAndErrors) {
       {{"dump", "a.chat", "b.chat"}, 2, "usage:"},
       {{"dump", "-v"}, 2, "usage:"},
       {{"dump", "@/Nobody on 2005.chat"}, 1, "cannot read the file"},
-      {{"dump", "@/dir on 2005.chat"}, 1, "cannot read the file"},
+      {{"dump", "@/dir on 2005.chat"}, 1, "it is a folder, not a file"},
       {{"dump", "@/Anna on 2005.CHAT"}, 1, "extension"},
       {{"dump", "@/Anna on 2005.ichat"}, 1, "iChat 3 archive"},
       {{"dump", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},

@@ -11,12 +11,6 @@ namespace {
 constexpr uint64_t kHeaderSize = 8;
 constexpr uint64_t kTrailerSize = 32;
 
-uint64_t BigEndian(const uint8_t* p, unsigned n) {
-  uint64_t v = 0;
-  for (unsigned k = 0; k < n; ++k) v = v << 8 | p[k];
-  return v;
-}
-
 [[noreturn]] void Fail(const std::string& what) {
   throw BinaryPlistError(what);
 }
@@ -67,10 +61,22 @@ uint64_t BinaryPlist::ReadCount(uint64_t index, uint64_t& at, uint8_t marker) co
   return count;
 }
 
-BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
+void BinaryPlist::BadOffset(uint64_t index) const {
   if (index >= count_) Fail("object reference " + std::to_string(index) + " out of range");
-  uint64_t at = BigEndian(data_ + tableAt_ + index * offsetSize_, offsetSize_);
-  if (at < kHeaderSize || at >= tableAt_) FailAt(index, "offset outside the object table");
+  FailAt(index, "offset outside the object table");
+}
+
+void BinaryPlist::NoEntry(const Value& c, uint64_t k) const {
+  FailAt(c.index, "no entry " + std::to_string(k));
+}
+
+void BinaryPlist::RefOutOfRange(const Value& c, uint64_t ref) const {
+  FailAt(c.index, "object reference " + std::to_string(ref) + " out of range (" +
+                      std::to_string(count_) + " objects)");
+}
+
+BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
+  uint64_t at = OffsetOf(index);
   Value v;
   v.index = static_cast<uint32_t>(index);
   uint8_t m = data_[at++];
@@ -146,28 +152,57 @@ BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
   FailAt(index, std::string("unsupported marker 0x") + kHex[m >> 4] + kHex[m & 0xF]);
 }
 
-uint64_t BinaryPlist::Ref(const Value& c, uint64_t k) const {
-  // Containers only come from Object(), which checked that their
-  // references lie inside the object table.
-  uint64_t entries = c.type == Type::kDict ? 2 * c.count : c.count;
-  if ((c.type != Type::kArray && c.type != Type::kDict) || k >= entries)
-    FailAt(c.index, "no entry " + std::to_string(k));
-  uint64_t ref = BigEndian(reinterpret_cast<const uint8_t*>(c.at) + k * refSize_, refSize_);
-  if (ref >= count_) {
-    FailAt(c.index, "object reference " + std::to_string(ref) + " out of range (" +
-                        std::to_string(count_) + " objects)");
-  }
-  return ref;
-}
-
 std::optional<BinaryPlist::Value> BinaryPlist::Find(const Value& dict, std::string_view key) const {
   if (dict.type != Type::kDict) return std::nullopt;
   for (uint64_t k = 0; k < dict.count; ++k) {
-    Value name = Item(dict, k);
+    uint64_t ref = Ref(dict, k);
+    uint64_t at = OffsetOf(ref);
+    uint8_t m = data_[at++];
+    if (m >> 4 == 0x5) {
+      // A one-byte string, as keys usually are: compared in place.
+      uint64_t n = ReadCount(ref, at, m);
+      if (n > tableAt_ - at) FailAt(ref, "string or data runs past the object table");
+      if (n == key.size() && std::memcmp(data_ + at, key.data(), n) == 0)
+        return Item(dict, dict.count + k);
+      continue;
+    }
+    Value name = Object(ref);
     if (name.type != Type::kString) FailAt(dict.index, "dictionary key is not a string");
     if (name.Equals(key)) return Item(dict, dict.count + k);
   }
   return std::nullopt;
+}
+
+void BinaryPlist::Keys(const Value& dict, Dict& out) const {
+  out.node_ = dict;
+  out.size_ = 0;
+  if (dict.type != Type::kDict) return;
+  out.keys_ = out.inline_;
+  if (dict.count > std::size(out.inline_)) {
+    out.more_.reset(new Dict::Key[dict.count]);
+    out.keys_ = out.more_.get();
+  }
+  for (uint64_t k = 0; k < dict.count; ++k) {
+    uint64_t ref = Ref(dict, k);
+    uint64_t at = OffsetOf(ref);
+    uint8_t m = data_[at++];
+    if (m >> 4 != 0x5 && m >> 4 != 0x6) FailAt(dict.index, "dictionary key is not a string");
+    bool utf16 = m >> 4 == 0x6;
+    uint64_t n = ReadCount(ref, at, m);
+    if (utf16 ? n > (tableAt_ - at) / 2 : n > tableAt_ - at)
+      FailAt(ref, "string or data runs past the object table");
+    out.keys_[k] = Dict::Key{reinterpret_cast<const char*>(data_ + at), n,
+                             static_cast<uint32_t>(Ref(dict, dict.count + k)), utf16};
+  }
+  out.size_ = dict.count;
+}
+
+bool BinaryPlist::Utf16Equals(const char* at, std::string_view ascii) {
+  const auto* p = reinterpret_cast<const uint8_t*>(at);
+  for (size_t k = 0; k < ascii.size(); ++k) {
+    if (p[2 * k] != 0 || p[2 * k + 1] != static_cast<uint8_t>(ascii[k])) return false;
+  }
+  return true;
 }
 
 std::u16string BinaryPlist::Value::Utf16() const {
@@ -196,12 +231,7 @@ std::string BinaryPlist::Value::Utf8() const {
 
 bool BinaryPlist::Value::Equals(std::string_view ascii) const {
   if (type != Type::kString || count != ascii.size()) return false;
-  if (!utf16) return Data() == ascii;
-  const auto* p = reinterpret_cast<const uint8_t*>(at);
-  for (uint64_t k = 0; k < count; ++k) {
-    if (p[2 * k] != 0 || p[2 * k + 1] != static_cast<uint8_t>(ascii[k])) return false;
-  }
-  return true;
+  return utf16 ? Utf16Equals(at, ascii) : Data() == ascii;
 }
 
 }  // namespace gab

@@ -8,6 +8,8 @@
 // the graph bound their own depth.
 
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -54,6 +56,48 @@ class BinaryPlist {
     bool Equals(std::string_view ascii) const;
   };
 
+  // A dictionary's keys, read once for repeated lookups.
+  class Dict {
+   public:
+    Dict() = default;
+    Dict(const Dict&) = delete;
+    Dict& operator=(const Dict&) = delete;
+    const Value& node() const { return node_; }
+    size_t size() const { return size_; }
+    // Key `k` when it is a one-byte string; empty for UTF-16 keys.
+    std::string_view Name(size_t k) const {
+      return keys_[k].utf16 ? std::string_view() : std::string_view(keys_[k].at, keys_[k].size);
+    }
+    // The object number of value `k`.
+    uint64_t ValueRef(size_t k) const { return keys_[k].value; }
+    // The object number of the value for an ASCII key (the first when
+    // repeated).
+    std::optional<uint64_t> Find(std::string_view key) const {
+      for (size_t k = 0; k < size_; ++k) {
+        const Key& e = keys_[k];
+        if (e.size == key.size() && (e.utf16 ? BinaryPlist::Utf16Equals(e.at, key)
+                                             : std::memcmp(e.at, key.data(), key.size()) == 0)) {
+          return e.value;
+        }
+      }
+      return std::nullopt;
+    }
+
+   private:
+    friend class BinaryPlist;
+    struct Key {
+      const char* at;
+      uint64_t size;  // characters
+      uint32_t value;
+      bool utf16;
+    };
+    Value node_;
+    size_t size_ = 0;
+    Key* keys_ = inline_;
+    Key inline_[8];
+    std::unique_ptr<Key[]> more_;
+  };
+
   // Checks the header, trailer and offset table; throws when damaged.
   explicit BinaryPlist(std::string_view bytes);
 
@@ -64,14 +108,54 @@ class BinaryPlist {
   Value Object(uint64_t index) const;
   // Entry `k` of an array (or key `k` of a dictionary), checked.
   Value Item(const Value& container, uint64_t k) const { return Object(Ref(container, k)); }
-  // The number of the object entry `k` of an array refers to.
-  uint64_t Ref(const Value& container, uint64_t k) const;
+  // The number of the object entry `k` of an array refers to (dictionaries:
+  // keys, then values).
+  uint64_t Ref(const Value& container, uint64_t k) const {
+    // Object() checked that a container's references lie inside the table.
+    uint64_t entries = container.type == Type::kDict ? 2 * container.count : container.count;
+    if ((container.type != Type::kArray && container.type != Type::kDict) || k >= entries)
+      NoEntry(container, k);
+    uint64_t ref =
+        BigEndian(reinterpret_cast<const uint8_t*>(container.at) + k * refSize_, refSize_);
+    if (ref >= count_) RefOutOfRange(container, ref);
+    return ref;
+  }
   // A dictionary's value for an ASCII key (the first when repeated).
   std::optional<Value> Find(const Value& dict, std::string_view key) const;
+  // Reads a dictionary's keys (all strings, or it throws).
+  void Keys(const Value& dict, Dict& out) const;
 
  private:
   [[noreturn]] void FailAt(uint64_t index, const std::string& what) const;
+  static bool Utf16Equals(const char* at, std::string_view ascii);
   uint64_t ReadCount(uint64_t index, uint64_t& at, uint8_t marker) const;
+  [[noreturn]] void NoEntry(const Value& container, uint64_t k) const;
+  [[noreturn]] void RefOutOfRange(const Value& container, uint64_t ref) const;
+  [[noreturn]] void BadOffset(uint64_t index) const;
+  uint64_t OffsetOf(uint64_t index) const {
+    if (index >= count_) BadOffset(index);
+    uint64_t at = BigEndian(data_ + tableAt_ + index * offsetSize_, offsetSize_);
+    if (at < 8 || at >= tableAt_) BadOffset(index);
+    return at;
+  }
+
+  static uint64_t BigEndian(const uint8_t* p, unsigned n) {
+    switch (n) {
+      case 1:
+        return p[0];
+      case 2:
+        return uint64_t{p[0]} << 8 | p[1];
+      case 3:
+        return uint64_t{p[0]} << 16 | uint64_t{p[1]} << 8 | p[2];
+      case 4:
+        return uint64_t{p[0]} << 24 | uint64_t{p[1]} << 16 | uint64_t{p[2]} << 8 | p[3];
+      default: {
+        uint64_t v = 0;
+        for (unsigned k = 0; k < n; ++k) v = v << 8 | p[k];
+        return v;
+      }
+    }
+  }
 
   const uint8_t* data_;
   uint64_t tableAt_ = 0;  // the object area is [8, tableAt_)

@@ -44,11 +44,13 @@ struct ClassInfo {
 using Type = BinaryPlist::Type;
 using Node = BinaryPlist::Value;
 using MaybeNode = std::optional<Node>;
+using Fields = BinaryPlist::Dict;
 
 // Colour components as Apple writes them: ASCII decimals separated by
 // spaces, ended by a NUL.
 std::vector<double> ParseComponents(std::string_view text) {
   std::vector<double> out;
+  out.reserve(4);
   size_t nul = text.find('\0');
   if (nul != std::string_view::npos) text = text.substr(0, nul);
   const char* p = text.data();
@@ -154,7 +156,7 @@ class Resolver;
 
 class KeyedCoder : public Coder {
  public:
-  KeyedCoder(Resolver& r, const Node& dict) : r_(r), dict_(dict) {}
+  KeyedCoder(Resolver& r, const Fields& dict) : r_(r), dict_(dict) {}
   bool AllowsKeyedCoding() const override { return true; }
   ObjectPtr DecodeObjectForKey(std::string_view key) override;
   int32_t DecodeInt32ForKey(std::string_view key) override;
@@ -168,7 +170,7 @@ class KeyedCoder : public Coder {
  private:
   MaybeNode Value(std::string_view key) const;
   Resolver& r_;
-  Node dict_;
+  const Fields& dict_;
   int next_ = 0;
 };
 
@@ -214,9 +216,17 @@ class Resolver {
     return Decode(*uid);
   }
 
-  MaybeNode Get(const Node& dict, std::string_view key) {
+  MaybeNode Get(const Fields& dict, std::string_view key) {
+    Spend(dict.size());
+    std::optional<uint64_t> ref = dict.Find(key);
+    if (!ref) return std::nullopt;
+    return plist_.Object(*ref);
+  }
+
+  // Reads a dictionary's keys, paid for.
+  void Keys(const Node& dict, Fields& out) {
     Spend(dict.count);
-    return plist_.Find(dict, key);
+    plist_.Keys(dict, out);
   }
 
   // Work is metered against the archive's size: an archive whose objects
@@ -241,7 +251,9 @@ class Resolver {
   std::optional<uint64_t> UidOf(const Node& node) {
     if (node.Is(Type::kUid)) return node.uid;
     if (node.Is(Type::kDict) && node.count == 1) {
-      MaybeNode n = Get(node, "CF$UID");
+      Fields d;
+      Keys(node, d);
+      MaybeNode n = Get(d, "CF$UID");
       if (n && n->Is(Type::kInteger)) return static_cast<uint64_t>(n->integer);
     }
     return std::nullopt;
@@ -276,8 +288,11 @@ class Resolver {
         return std::make_shared<Data>(std::string(Bytes(node)));
       case Type::kDate:
         return std::make_shared<DateObject>(Date{node.real});
-      case Type::kDict:
-        return DecodeObjectDict(node);
+      case Type::kDict: {
+        Fields d;
+        Keys(node, d);
+        return DecodeObjectDict(d);
+      }
       default:
         Fail("object " + std::to_string(uid) + " has an unexpected type");
     }
@@ -294,15 +309,17 @@ class Resolver {
     }
   }
 
-  const ClassInfo& ClassOf(const Node& dict) {
+  const ClassInfo& ClassOf(const Fields& dict) {
     MaybeNode ref = Get(dict, "$class");
     if (!ref) Fail("object without $class");
     auto uid = UidOf(*ref);
     if (!uid) Fail("$class is not a reference");
     if (*uid >= count_) Fail("$class reference beyond $objects");
     if (auto it = classInfo_.find(*uid); it != classInfo_.end()) return it->second;
-    Node cls = plist_.Item(objects_, *uid);
-    if (!cls.Is(Type::kDict)) Fail("$class does not refer to a class record");
+    Node clsNode = plist_.Item(objects_, *uid);
+    if (!clsNode.Is(Type::kDict)) Fail("$class does not refer to a class record");
+    Fields cls;
+    Keys(clsNode, cls);
     MaybeNode name = Get(cls, "$classname");
     if (!name || !name->Is(Type::kString)) Fail("class record without a string $classname");
     ClassInfo info;
@@ -336,7 +353,7 @@ class Resolver {
     return classInfo_.emplace(*uid, std::move(info)).first->second;
   }
 
-  ObjectPtr DecodeObjectDict(const Node& d) {
+  ObjectPtr DecodeObjectDict(const Fields& d) {
     const ClassInfo& info = ClassOf(d);
     bool isMutable = info.interpreted.starts_with("NSMutable");
     switch (info.handler) {
@@ -393,7 +410,7 @@ class Resolver {
     Fail("no reader for this class");
   }
 
-  ObjectPtr DecodeString(const Node& d, bool isMutable) {
+  ObjectPtr DecodeString(const Fields& d, bool isMutable) {
     MaybeNode s = Get(d, "NS.string");
     if (s && s->Is(Type::kString)) return std::make_shared<String>(Text(*s), isMutable);
     if (s && UidOf(*s)) {
@@ -408,7 +425,7 @@ class Resolver {
   }
 
   // NS.data or NS.bytes: inline data, or a reference to a data object.
-  std::string_view DataField(const Node& d) {
+  std::string_view DataField(const Fields& d) {
     MaybeNode v = Get(d, "NS.data");
     if (!v) v = Get(d, "NS.bytes");
     if (!v) return {};
@@ -419,61 +436,70 @@ class Resolver {
     return data->bytes;
   }
 
-  // An array of UIDs under `key`, or nib-style `prefix`0, `prefix`1, ...
-  std::vector<ObjectPtr> RefArray(const Node& d, const char* key, std::string_view prefix) {
-    std::vector<ObjectPtr> out;
+  // The objects of an array of UIDs under `key`, or of nib-style keys
+  // `prefix`0, `prefix`1, ..., in order: reserve(n) when the count is known
+  // up front, then each(object) for every one.
+  template <class Reserve, class Each>
+  void EachRef(const Fields& d, const char* key, std::string_view prefix, Reserve&& reserve,
+               Each&& each) {
     if (MaybeNode a = Get(d, key)) {
       if (!a->Is(Type::kArray)) Fail(std::string(key) + " is not an array");
       Spend(a->count);
-      out.reserve(a->count);
-      for (uint64_t k = 0; k < a->count; ++k) out.push_back(DecodeRef(plist_.Item(*a, k), key));
-      return out;
+      reserve(a->count);
+      for (uint64_t k = 0; k < a->count; ++k) each(DecodeRef(plist_.Item(*a, k), key));
+      return;
     }
     // One pass over the keys finds every numbered one.
-    Spend(d.count);
+    Spend(d.size());
     std::vector<std::optional<uint64_t>> numbered;
-    for (uint64_t k = 0; k < d.count; ++k) {
-      Node name = plist_.Item(d, k);
-      if (!name.Is(Type::kString) || name.utf16) continue;
-      std::string_view s = name.Data();
+    for (size_t k = 0; k < d.size(); ++k) {
+      std::string_view s = d.Name(k);
       if (!s.starts_with(prefix)) continue;
       s.remove_prefix(prefix.size());
       uint64_t n = 0;
       auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), n);
       if (ec != std::errc() || end != s.data() + s.size() || s.empty() ||
-          (s.size() > 1 && s[0] == '0') || n >= d.count) {
+          (s.size() > 1 && s[0] == '0') || n >= d.size()) {
         continue;
       }
       if (numbered.size() <= n) numbered.resize(n + 1);
-      if (!numbered[n]) numbered[n] = d.count + k;
+      if (!numbered[n]) numbered[n] = d.ValueRef(k);
     }
     for (const auto& entry : numbered) {
       if (!entry) break;
-      out.push_back(DecodeRef(plist_.Item(d, *entry), prefix.data()));
+      each(DecodeRef(plist_.Object(*entry), prefix.data()));
     }
-    return out;
   }
 
-  ObjectPtr DecodeArray(const Node& d, bool isMutable) {
+  ObjectPtr DecodeArray(const Fields& d, bool isMutable) {
     auto a = std::make_shared<Array>();
     a->mutable_ = isMutable;
-    a->items = RefArray(d, "NS.objects", "NS.object.");
+    EachRef(
+        d, "NS.objects", "NS.object.", [&](uint64_t n) { a->items.reserve(n); },
+        [&](ObjectPtr o) { a->items.push_back(std::move(o)); });
     return a;
   }
 
-  ObjectPtr DecodeDictionary(const Node& d, bool isMutable) {
+  ObjectPtr DecodeDictionary(const Fields& d, bool isMutable) {
     auto out = std::make_shared<Dictionary>();
     out->mutable_ = isMutable;
-    std::vector<ObjectPtr> keys = RefArray(d, "NS.keys", "NS.key.");
-    std::vector<ObjectPtr> values = RefArray(d, "NS.objects", "NS.object.");
-    if (keys.size() != values.size()) Fail("dictionary keys and values differ in number");
-    out->entries.reserve(keys.size());
-    for (size_t k = 0; k < keys.size(); ++k)
-      out->entries.emplace_back(std::move(keys[k]), std::move(values[k]));
+    auto& entries = out->entries;
+    // All keys first, then all values, as the archiver wrote them.
+    EachRef(
+        d, "NS.keys", "NS.key.", [&](uint64_t n) { entries.reserve(n); },
+        [&](ObjectPtr key) { entries.emplace_back(std::move(key), nullptr); });
+    size_t values = 0;
+    EachRef(
+        d, "NS.objects", "NS.object.", [](uint64_t) {},
+        [&](ObjectPtr value) {
+          if (values < entries.size()) entries[values].second = std::move(value);
+          ++values;
+        });
+    if (values != entries.size()) Fail("dictionary keys and values differ in number");
     return out;
   }
 
-  ObjectPtr DecodeURL(const Node& d) {
+  ObjectPtr DecodeURL(const Fields& d) {
     auto u = std::make_shared<URL>();
     ObjectPtr base = DecodeRef(Get(d, "NS.base"), "NS.base");
     if (base && !As<URL>(base)) Fail("URL base is not a URL");
@@ -496,7 +522,7 @@ class Resolver {
     return false;
   }
 
-  ObjectPtr DecodeAttributedString(const Node& d, bool isMutable) {
+  ObjectPtr DecodeAttributedString(const Fields& d, bool isMutable) {
     auto a = std::make_shared<AttributedString>();
     a->mutable_ = isMutable;
     ObjectPtr textObj = DecodeRef(Get(d, "NSString"), "NSString");
@@ -524,6 +550,8 @@ class Resolver {
       if (!infoData) Fail("NSAttributeInfo is not data");
       info = infoData->bytes;
     }
+    a->text.reserve(t.size());
+    a->runs.reserve(std::min(info.size() / 2, t.size()));
     size_t at = 0, pos = 0;
     while (at < info.size()) {
       uint64_t length, index;
@@ -540,7 +568,7 @@ class Resolver {
     return a;
   }
 
-  ObjectPtr DecodeColor(const Node& d) {
+  ObjectPtr DecodeColor(const Fields& d) {
     auto c = std::make_shared<Color>();
     // Any number may stand here; out-of-range ones become no known space.
     double space = NumberOf(Get(d, "NSColorSpace")).value_or(0);
@@ -577,7 +605,7 @@ class Resolver {
     return c;
   }
 
-  ObjectPtr DecodeFileWrapper(const Node& d) {
+  ObjectPtr DecodeFileWrapper(const Fields& d) {
     MaybeNode v = Get(d, "NSFileWrapperData");
     std::string_view bytes;
     std::shared_ptr<Data> data;

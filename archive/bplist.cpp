@@ -48,15 +48,18 @@ void BinaryPlist::FailAt(uint64_t index, const std::string& what) const {
 
 // The count of a string, data or container: the marker's low nibble, or
 // an integer object after it when that is 0xF.  `at` moves past it.
-uint64_t BinaryPlist::ReadCount(uint64_t index, uint64_t& at, uint8_t marker) const {
+inline uint64_t BinaryPlist::ReadCount(uint64_t index, uint64_t& at, uint8_t marker) const {
   uint64_t count = marker & 0x0F;
-  if (count != 0x0F) return count;
+  return count != 0x0F ? count : ReadLongCount(index, at);
+}
+
+uint64_t BinaryPlist::ReadLongCount(uint64_t index, uint64_t& at) const {
   if (at >= tableAt_) FailAt(index, "count past the object table");
   uint8_t m = data_[at++];
   if ((m & 0xF0) != 0x10 || (m & 0x0F) > 3) FailAt(index, "bad count");
   unsigned n = 1u << (m & 0x0F);
   if (tableAt_ - at < n) FailAt(index, "count past the object table");
-  count = BigEndian(data_ + at, n);
+  uint64_t count = BigEndian(data_ + at, n);
   at += n;
   return count;
 }
@@ -126,7 +129,7 @@ BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
     case 0x6: {
       uint64_t count = ReadCount(index, at, m);
       room = tableAt_ - at;
-      if (m >> 4 == 0x6 ? count > room / 2 : count > room)
+      if (count > room || (m >> 4 == 0x6 && 2 * count > room))
         FailAt(index, "string or data runs past the object table");
       v.type = m >> 4 == 0x4 ? Type::kData : Type::kString;
       v.utf16 = m >> 4 == 0x6;
@@ -137,8 +140,10 @@ BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
     case 0xA:
     case 0xD: {
       uint64_t count = ReadCount(index, at, m);
-      room = (tableAt_ - at) / refSize_;
-      if (m >> 4 == 0xD ? count > room / 2 : count > room)
+      room = tableAt_ - at;
+      // count <= room first, so the products cannot overflow.
+      uint64_t refs = (m >> 4 == 0xD ? 2 : 1) * refSize_;
+      if (count > room || count * refs > room)
         FailAt(index, "container runs past the object table");
       v.type = m >> 4 == 0xD ? Type::kDict : Type::kArray;
       v.count = count;
@@ -154,8 +159,13 @@ BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
 
 std::optional<BinaryPlist::Value> BinaryPlist::Find(const Value& dict, std::string_view key) const {
   if (dict.type != Type::kDict) return std::nullopt;
+  // Object() checked that the references lie inside the object table.
+  const auto* refs = reinterpret_cast<const uint8_t*>(dict.at);
   for (uint64_t k = 0; k < dict.count; ++k) {
-    uint64_t ref = Ref(dict, k);
+    uint64_t ref = BigEndian(refs + k * refSize_, refSize_);
+    uint64_t value = BigEndian(refs + (dict.count + k) * refSize_, refSize_);
+    if (ref >= count_) RefOutOfRange(dict, ref);
+    if (value >= count_) RefOutOfRange(dict, value);
     uint64_t at = OffsetOf(ref);
     uint8_t m = data_[at++];
     if (m >> 4 == 0x5) {
@@ -182,17 +192,22 @@ void BinaryPlist::Keys(const Value& dict, Dict& out) const {
     out.more_.reset(new Dict::Key[dict.count]);
     out.keys_ = out.more_.get();
   }
+  // Object() checked that the references lie inside the object table.
+  const auto* refs = reinterpret_cast<const uint8_t*>(dict.at);
   for (uint64_t k = 0; k < dict.count; ++k) {
-    uint64_t ref = Ref(dict, k);
+    uint64_t ref = BigEndian(refs + k * refSize_, refSize_);
+    uint64_t value = BigEndian(refs + (dict.count + k) * refSize_, refSize_);
+    if (ref >= count_) RefOutOfRange(dict, ref);
+    if (value >= count_) RefOutOfRange(dict, value);
     uint64_t at = OffsetOf(ref);
     uint8_t m = data_[at++];
     if (m >> 4 != 0x5 && m >> 4 != 0x6) FailAt(dict.index, "dictionary key is not a string");
     bool utf16 = m >> 4 == 0x6;
     uint64_t n = ReadCount(ref, at, m);
-    if (utf16 ? n > (tableAt_ - at) / 2 : n > tableAt_ - at)
+    if (n > tableAt_ - at || (utf16 && 2 * n > tableAt_ - at))
       FailAt(ref, "string or data runs past the object table");
     out.keys_[k] = Dict::Key{reinterpret_cast<const char*>(data_ + at), n,
-                             static_cast<uint32_t>(Ref(dict, dict.count + k)), utf16};
+                             static_cast<uint32_t>(value), utf16};
   }
   out.size_ = dict.count;
 }
@@ -215,12 +230,12 @@ std::u16string BinaryPlist::Value::Utf16() const {
       out[k] = static_cast<char16_t>(p[2 * k] << 8 | p[2 * k + 1]);
     return out;
   }
+  out.resize(count);
   for (uint64_t k = 0; k < count; ++k) {
     // Apple writes only ASCII here; other bytes are taken for UTF-8.
     if (p[k] >= 0x80) return ToUtf16(Data());
+    out[k] = p[k];
   }
-  out.resize(count);
-  for (uint64_t k = 0; k < count; ++k) out[k] = p[k];
   return out;
 }
 

@@ -129,6 +129,7 @@ class BinaryPlist {
   [[noreturn]] void FailAt(uint64_t index, const std::string& what) const;
   static bool Utf16Equals(const char* at, std::string_view ascii);
   uint64_t ReadCount(uint64_t index, uint64_t& at, uint8_t marker) const;
+  uint64_t ReadLongCount(uint64_t index, uint64_t& at) const;
   [[noreturn]] void NoEntry(const Value& container, uint64_t k) const;
   [[noreturn]] void RefOutOfRange(const Value& container, uint64_t ref) const;
   [[noreturn]] void BadOffset(uint64_t index) const;

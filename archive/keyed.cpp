@@ -143,15 +143,6 @@ std::string XmlToBinary(std::string_view xml) {
 constexpr uint64_t kWorkPerByte = 16;
 constexpr uint64_t kWorkFloor = 1 << 20;
 
-// What sharing an object lets its users copy: its characters or bytes.
-uint64_t PayloadOf(const Object& o) {
-  const std::type_info& t = typeid(o);
-  if (t == typeid(String)) return static_cast<const String&>(o).value.size();
-  if (t == typeid(AttributedString)) return static_cast<const AttributedString&>(o).text.size();
-  if (t == typeid(Data)) return static_cast<const Data&>(o).bytes.size();
-  return 0;
-}
-
 class Resolver;
 
 class KeyedCoder : public Coder {
@@ -194,7 +185,7 @@ class Resolver {
     if (uid >= count_) Fail("reference " + std::to_string(uid) + " beyond $objects");
     if (state_[uid] == 2) {
       // Whoever shares it may copy its contents.
-      if (memo_[uid]) Spend(1 + PayloadOf(*memo_[uid]));
+      if (memo_[uid]) Spend(1 + memo_[uid]->ContentSize());
       return memo_[uid];
     }
     Spend(1);

@@ -231,17 +231,22 @@ std::string ReadAll(std::string_view bytes) {
     BinaryPlist p(bytes);
     std::vector<bool> seen(p.size());
     std::vector<uint64_t> todo{p.top()};
+    seen[p.top()] = true;
     while (!todo.empty()) {
       uint64_t i = todo.back();
       todo.pop_back();
-      if (seen[i]) continue;
-      seen[i] = true;
       BinaryPlist::Value v = p.Object(i);
       v.Utf16();
       if (v.Is(BinaryPlist::Type::kDict)) p.Find(v, "k");
       uint64_t n = v.Is(BinaryPlist::Type::kDict) ? 2 * v.count : v.count;
       if (v.Is(BinaryPlist::Type::kDict) || v.Is(BinaryPlist::Type::kArray)) {
-        for (uint64_t k = 0; k < n; ++k) todo.push_back(p.Ref(v, k));
+        for (uint64_t k = 0; k < n; ++k) {
+          uint64_t ref = p.Ref(v, k);
+          if (!seen[ref]) {
+            seen[ref] = true;
+            todo.push_back(ref);
+          }
+        }
       }
     }
     return "";

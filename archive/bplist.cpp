@@ -184,7 +184,6 @@ std::optional<BinaryPlist::Value> BinaryPlist::Find(const Value& dict, std::stri
 }
 
 void BinaryPlist::Keys(const Value& dict, Dict& out) const {
-  out.node_ = dict;
   out.size_ = 0;
   if (dict.type != Type::kDict) return;
   out.keys_ = out.inline_;

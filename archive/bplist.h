@@ -45,6 +45,7 @@ class BinaryPlist {
 
     Value() : integer(0) {}
     bool Is(Type t) const { return type == t; }
+    // Data's bytes, and the characters of one-byte strings.
     std::string_view Data() const { return {at, count}; }
     // Strings: the characters exactly (UTF-16 units as stored, unpaired
     // surrogates included); bytes above 0x7F in one-byte strings read as
@@ -62,7 +63,6 @@ class BinaryPlist {
     Dict() = default;
     Dict(const Dict&) = delete;
     Dict& operator=(const Dict&) = delete;
-    const Value& node() const { return node_; }
     size_t size() const { return size_; }
     // Key `k` when it is a one-byte string; empty for UTF-16 keys.
     std::string_view Name(size_t k) const {
@@ -91,7 +91,6 @@ class BinaryPlist {
       uint32_t value;
       bool utf16;
     };
-    Value node_;
     size_t size_ = 0;
     Key* keys_ = inline_;
     Key inline_[8];

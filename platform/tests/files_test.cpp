@@ -1,3 +1,5 @@
+#include "platform/files.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -5,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/files.h"
 #include "platform/write_batch.h"
 
 namespace gab {
@@ -38,12 +39,9 @@ TEST_F(FilesTest, ReadsOnlyRegularFilesWithinTheLimit) {
     const char* why;
   };
   const Case cases[] = {
-      {"small", "12345", ""},
-      {"link", "12345", ""},
-      {"large", nullptr, "too large"},
-      {"fifo", nullptr, "not a regular file"},
-      {"folder", nullptr, "a folder"},
-      {"absent", nullptr, "No such file"},
+      {"small", "12345", ""},          {"link", "12345", ""},
+      {"large", nullptr, "too large"}, {"fifo", nullptr, "not a regular file"},
+      {"folder", nullptr, "a folder"}, {"absent", nullptr, "No such file"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -70,7 +68,7 @@ TEST_F(FilesTest, WriteBatchCommitsTogetherAndRecovers) {
     EXPECT_EQ(ReadWholeFile(a), "new a");  // reads see what the batch holds
     EXPECT_TRUE(FileExists(b));
     EXPECT_FALSE(fs::exists(b));  // ... the disk does not, yet
-  }  // dropped uncommitted
+  }                               // dropped uncommitted
   EXPECT_EQ(ReadWholeFile(a), "old");
   EXPECT_FALSE(fs::exists(b));
 

@@ -218,8 +218,8 @@ TEST(ChatLogFile, UnpairedSurrogateInMessageText) {
   ASSERT_TRUE(log.LoadiChat3Data(bytes)) << log.loadError();
   ASSERT_EQ(log.Messages().size(), 1u);
   EXPECT_EQ(log.Messages()[0]->string->text, std::u16string(u"a\xD800") + u"b");
-  EXPECT_NE(ToUtf8(log.PlainChatLog()).find("a?b"), std::string::npos)
-      << ToUtf8(log.PlainChatLog());
+  EXPECT_NE(ToUtf8(log.Messages()[0]->PlainString()).find("a?b"), std::string::npos)
+      << ToUtf8(log.Messages()[0]->PlainString());
 }
 
 // Roots of the wrong shape, archived as NSArchiver would.

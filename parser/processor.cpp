@@ -57,7 +57,7 @@ class Run {
  private:
   int64_t Now() const { return options_.now ? options_.now() : SystemNow(); }
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
-  void Handle(const FoundTranscript& f, RecordEntry& e);
+  std::unique_ptr<ICLPChatLog> Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
   void Flush();
 
@@ -94,7 +94,8 @@ void Run::Save() {
   }
 }
 
-void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+// Returns the transcript when it loaded.
+std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   const std::string full = options_.transcriptFolder + "/" + f.relativePath;
   e.size = f.size;
   e.mtimeNs = f.mtimeNs;
@@ -108,7 +109,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = reason;
     summary_.unreadable.emplace_back(f.relativePath, reason);
     Save();
-    return;
+    return nullptr;
   }
 
   if (!options_.importing && !library_.ChatHasEnded(*log)) {
@@ -116,7 +117,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = "the chat is still open";
     ++summary_.waiting;
     Save();
-    return;
+    return log;
   }
 
   const auto& messages = log->Messages();
@@ -157,7 +158,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   if (!mailPending) e.reason.clear();
   Save();
 
-  if (!hasNew) return;
+  if (!hasNew) return log;
   std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
   batch_.insert(batch_.end(), fresh.begin(), fresh.end());
   ++batchTranscripts_;
@@ -170,6 +171,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   if (!options_.progress)
     NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
           (mailNow && !mailPending ? ", mailed" : ""));
+  return log;
 }
 
 // Links and images go into the stores, pages and text logs for many
@@ -264,7 +266,8 @@ RunSummary Run::Go() {
       it = record_.transcripts.emplace(f.key, fresh).first;
     }
     RecordEntry& e = it->second;
-    Handle(f, e);
+    auto log = Handle(f, e);
+    if (options_.loaded) options_.loaded(f.key, f.size, f.mtimeNs, log.get());
   }
   Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");

@@ -41,6 +41,10 @@ std::optional<std::string> FtsQuery(std::string_view userQuery);
 // replaced by the attachment's file name and control characters by spaces.
 std::u16string SearchableText(const ICLPInstantMessage& message);
 
+// "YYYY", "YYYY-MM" or "YYYY-MM-DD" in local time: the first moment of that
+// period, or (with `end`) its last.  Nothing for any other text.
+std::optional<Date> ParseSearchDate(std::string_view text, bool end);
+
 struct SearchQuery {
   std::string text;                  // as the user typed it
   std::string person;                // "" for everyone; else a chat's person or participant

@@ -2,10 +2,8 @@
 
 #include <sys/stat.h>
 
-#include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 
 #include "platform/home.h"
 #include "platform/log.h"
@@ -61,38 +59,6 @@ std::unique_ptr<SearchIndex> OpenCurrentIndex(const char* command, bool clear) {
     return nullptr;
   }
   return index;
-}
-
-std::optional<Date> ParseDay(std::string_view text, bool end) {
-  int parts[3] = {0, 1, 1};
-  size_t n = 0, i = 0;
-  const size_t widths[3] = {4, 2, 2};
-  while (n < 3) {
-    size_t start = i;
-    int value = 0;
-    while (i < text.size() && text[i] >= '0' && text[i] <= '9' && i - start < widths[n])
-      value = value * 10 + (text[i++] - '0');
-    if (i - start != widths[n]) return std::nullopt;
-    parts[n++] = value;
-    if (i == text.size()) break;
-    if (text[i++] != '-') return std::nullopt;
-  }
-  if (i != text.size() || parts[1] < 1 || parts[1] > 12 || parts[2] < 1 || parts[2] > 31)
-    return std::nullopt;
-  tm t{};
-  t.tm_year = parts[0] - 1900;
-  t.tm_mon = parts[1] - 1;
-  t.tm_mday = parts[2];
-  t.tm_isdst = -1;
-  if (end) {
-    // The first moment of the next period, less a millisecond.
-    if (n == 1) ++t.tm_year;
-    if (n == 2) ++t.tm_mon;
-    if (n == 3) ++t.tm_mday;
-  }
-  time_t seconds = mktime(&t);
-  if (seconds == time_t(-1)) return std::nullopt;
-  return Date::FromUnix(double(seconds) - (end ? 0.001 : 0));
 }
 
 }  // namespace gab::tool

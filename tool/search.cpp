@@ -128,7 +128,7 @@ int RunSearch(int argc, char** argv) {
       if (!value(&query.person) || query.person.empty()) return Usage("--with needs a person");
     } else if (a == "--since" || a == "--until") {
       if (!value(&v)) return Usage(a + " needs a date");
-      auto d = ParseDay(v, a == "--until");
+      auto d = ParseSearchDate(v, a == "--until");
       if (!d) return Usage("bad date '" + v + "' (YYYY, YYYY-MM or YYYY-MM-DD)");
       (a == "--since" ? query.since : query.until) = d;
     } else if (a == "--limit") {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "platform/image_size.h"
 #include "platform/text.h"
 
 namespace gab {
@@ -140,21 +141,62 @@ std::u16string LinkTarget(const Dictionary* attributes) {
   return {};
 }
 
-void AppendText(std::string& out, std::u16string_view text) {
-  std::string utf8 = ToUtf8(text);
-  size_t from = 0;
-  for (size_t nl; (nl = utf8.find('\n', from)) != std::string::npos; from = nl + 1) {
-    AppendEscaped(out, std::string_view(utf8).substr(from, nl - from));
-    out += "<br>";
+// "12 KB" and the like.
+std::string SizeText(size_t bytes) {
+  char buf[32];
+  if (bytes < 1024)
+    std::snprintf(buf, sizeof buf, "%zu bytes", bytes);
+  else if (bytes < 1024 * 1024)
+    std::snprintf(buf, sizeof buf, "%.0f KB", double(bytes) / 1024.0);
+  else
+    std::snprintf(buf, sizeof buf, "%.1f MB", double(bytes) / (1024.0 * 1024.0));
+  return buf;
+}
+
+void AppendAttachment(std::string& out, const FileWrapper* file, const std::string& href) {
+  std::string name = file && file->preferredFilename ? ToUtf8(*file->preferredFilename)
+                                                     : std::string("attachment");
+  if (!file || !file->IsRegularFile()) {
+    out += "<span class=\"file\">";
+    AppendEscaped(out, name);
+    out += "</span>";
+    return;
   }
-  AppendEscaped(out, std::string_view(utf8).substr(from));
+  if (!InlineImageType(file->contents).empty()) {
+    // The size keeps the page from jumping while images load.
+    PixelSize px = ImagePixelSize(file->contents);
+    out += "<a href=\"" + Escaped(href) + "\" target=\"_blank\"><img src=\"" + Escaped(href) +
+           "\" alt=\"";
+    AppendEscaped(out, name);
+    out += "\"";
+    if (px.width > 0 && px.height > 0)
+      out += " width=\"" + std::to_string(px.width) + "\" height=\"" +
+             std::to_string(px.height) + "\"";
+    out += " loading=\"lazy\"></a>";
+  } else {
+    out += "<a class=\"file\" href=\"" + Escaped(href) + "\" download=\"";
+    AppendEscaped(out, name);
+    out += "\">";
+    AppendEscaped(out, name);
+    out += " <span class=\"meta\">(" + SizeText(file->contents.size()) + ")</span></a>";
+  }
 }
 
 }  // namespace
 
-void AppendMessageHtml(std::string& out, const AttributedString& text,
-                       const AttachmentHtml& attachment) {
+void AppendTextHtml(std::string& out, std::string_view utf8) {
+  size_t from = 0;
+  for (size_t nl; (nl = utf8.find('\n', from)) != std::string_view::npos; from = nl + 1) {
+    AppendEscaped(out, utf8.substr(from, nl - from));
+    out += "<br>";
+  }
+  AppendEscaped(out, utf8.substr(from));
+}
+
+std::string MessageBodyHtml(const AttributedString& text, std::string_view attachmentHref) {
   const std::u16string& s = text.text;
+  std::string out;
+  bool plain = true;
   size_t start = 0, k = 0;
   auto piece = [&](size_t from, size_t to, const Dictionary* attributes) {
     if (from >= to) return;
@@ -163,20 +205,23 @@ void AppendMessageHtml(std::string& out, const AttributedString& text,
     std::u16string link = LinkTarget(attributes);
     // An attachment makes its own link; links do not nest.
     bool linked = !file && !link.empty() && IsSafeLink(link);
+    plain = plain && !linked && css.empty();
     if (linked) {
       out += "<a href=\"";
       AppendEscaped(out, ToUtf8(link));
       out += "\" rel=\"noopener noreferrer nofollow\" target=\"_blank\">";
     }
     if (!css.empty()) out += "<span style=\"" + css + "\">";
-    size_t plain = from;
+    size_t rest = from;
     for (size_t i = from; i < to; ++i) {
       if (s[i] != u'\uFFFC' || !file) continue;
-      AppendText(out, std::u16string_view(s).substr(plain, i - plain));
-      attachment(out, k++, file->fileWrapper.get());
-      plain = i + 1;
+      AppendTextHtml(out, ToUtf8(std::u16string_view(s).substr(rest, i - rest)));
+      AppendAttachment(out, file->fileWrapper.get(),
+                       std::string(attachmentHref) + std::to_string(k++));
+      plain = false;
+      rest = i + 1;
     }
-    AppendText(out, std::u16string_view(s).substr(plain, to - plain));
+    AppendTextHtml(out, ToUtf8(std::u16string_view(s).substr(rest, to - rest)));
     if (!css.empty()) out += "</span>";
     if (linked) out += "</a>";
   };
@@ -186,6 +231,7 @@ void AppendMessageHtml(std::string& out, const AttributedString& text,
     start = end;
   }
   piece(start, s.size(), nullptr);  // text the runs do not cover
+  return plain ? std::string() : out;
 }
 
 }  // namespace gab

@@ -4,7 +4,6 @@
 // and only http, https and mailto links are made clickable.  Chat text that
 // looks like HTML stays text.
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,11 +33,13 @@ std::vector<std::shared_ptr<FileWrapper>> Attachments(const AttributedString& te
 // (PNG, JPEG, GIF, WebP, BMP, judged by the bytes), or "".
 std::string InlineImageType(std::string_view bytes);
 
-// The message text as HTML: runs with bold, italics, colour and size as
-// inline CSS, safe links as <a>, line ends as <br>, and each attachment as
-// whatever `attachment(k, file)` makes of it.
-using AttachmentHtml = std::function<void(std::string& out, size_t k, const FileWrapper* file)>;
-void AppendMessageHtml(std::string& out, const AttributedString& text,
-                       const AttachmentHtml& attachment);
+// Plain text (UTF-8) as a page shows it: escaped, line ends as <br>.
+void AppendTextHtml(std::string& out, std::string_view utf8);
+
+// The body of a message as the chat page shows it: runs with bold, italics,
+// colour and size as inline CSS, safe links as <a>, line ends as <br>, images
+// inline and other attachments as downloads, each at `attachmentHref` plus
+// its number.  "" when the body is just its text (AppendTextHtml of it).
+std::string MessageBodyHtml(const AttributedString& text, std::string_view attachmentHref);
 
 }  // namespace gab

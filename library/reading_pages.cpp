@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
+#include <unordered_map>
 
 #include "library/chat_html.h"
 #include "platform/image_size.h"
@@ -183,18 +184,6 @@ std::string ChatHref(const std::string& key) {
 
 std::string PersonHref(const std::string& name) {
   return "person?name=" + QueryValue(name);
-}
-
-// "12 KB" and the like.
-std::string SizeText(size_t bytes) {
-  char buf[32];
-  if (bytes < 1024)
-    std::snprintf(buf, sizeof buf, "%zu bytes", bytes);
-  else if (bytes < 1024 * 1024)
-    std::snprintf(buf, sizeof buf, "%.0f KB", bytes / 1024.0);
-  else
-    std::snprintf(buf, sizeof buf, "%.1f MB", bytes / (1024.0 * 1024.0));
-  return buf;
 }
 
 // A key names a file in the transcript folder (or, absolute, an imported one
@@ -376,9 +365,13 @@ ViewerReply ReadingPages::Person(const std::string& name) {
   return Html(Shell(name, "People", name, "", main));
 }
 
+std::string ReadingPages::FileOf(const std::string& key) const {
+  return key[0] == '/' ? key : transcriptFolder_ + "/" + key;
+}
+
 std::shared_ptr<ICLPChatLog> ReadingPages::Load(const std::string& key) {
   if (!PlainKey(key)) return nullptr;
-  std::string path = key[0] == '/' ? key : transcriptFolder_ + "/" + key;
+  std::string path = FileOf(key);
   struct stat st {};
   if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
   int64_t mtime = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
@@ -404,21 +397,33 @@ std::shared_ptr<ICLPChatLog> ReadingPages::Load(const std::string& key) {
 
 ViewerReply ReadingPages::Chat(const std::string& key) {
   std::optional<ChatSummary> summary;
+  std::vector<ChatMessage> messages;
   {
     std::lock_guard<std::mutex> lock(indexMutex_);
+    // The page comes from the index, which holds every message ready to
+    // show: a long chat needs no decoding.  A transcript changed since it
+    // was indexed is indexed first.
+    struct stat st {};
+    std::string path = PlainKey(key) ? FileOf(key) : std::string();
+    if (path.empty() || stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+      return NotFound("This chat's transcript is gone.");
+    int64_t mtime = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    if (index_->Chat(key) && !index_->IsCurrent(key, int64_t(st.st_size), mtime)) {
+      if (auto log = ICLPChatLog::InitWithFilePath(path, nullptr))
+        index_->Add(key, int64_t(st.st_size), mtime, *log);
+    }
     summary = index_->Chat(key);
+    if (summary) messages = index_->ChatMessages(key);
   }
   if (!summary) return NotFound("This chat is not in the index.");
-  std::shared_ptr<ICLPChatLog> log = Load(key);
-  if (!log) return NotFound("This chat's transcript is gone or no longer readable.");
 
-  const auto& messages = log->Messages();
   std::string main;
-  main.reserve(messages.size() * 220 + 4096);
+  main.reserve(messages.size() * 200 + 4096);
   main += "<header><h1>";
   AppendEscaped(main, summary->person);
   main += "</h1><p>" + Escaped(FormatDate(summary->first, "%A, %B %e, %Y")) + " \xC2\xB7 " +
-          std::to_string(messages.size()) + (messages.size() == 1 ? " message" : " messages");
+          std::to_string(summary->messages) +
+          (summary->messages == 1 ? " message" : " messages");
   if (summary->people.size() > 1) {
     main += " \xC2\xB7 with ";
     for (size_t i = 0; i < summary->people.size(); ++i) {
@@ -428,64 +433,24 @@ ViewerReply ReadingPages::Chat(const std::string& key) {
   }
   main += " \xC2\xB7 <a href=\"" + Escaped(PersonHref(summary->person)) + "\">all chats</a></p>";
   main += "</header>\n<div class=\"chat\">\n";
-
-  const std::string base = "attachment?t=" + QueryValue(key) + "&m=";
   std::string lastDay;
-  for (size_t i = 0; i < messages.size(); ++i) {
-    const auto& m = messages[i];
-    if (!m) continue;
-    if (m->timestamp) {
-      std::string day = FormatDate(*m->timestamp, "%A, %B %e, %Y");
-      if (day != lastDay) {
-        main += "<div class=\"day\">" + Escaped(day) + "</div>\n";
-        lastDay = std::move(day);
-      }
+  for (const ChatMessage& m : messages) {
+    std::string when = FormatDate(m.time, "%Y-%m-%d%I:%M %p");
+    if (when.compare(0, 10, lastDay) != 0) {
+      lastDay = when.substr(0, 10);
+      main += "<div class=\"day\">" + Escaped(FormatDate(m.time, "%A, %B %e, %Y")) + "</div>\n";
     }
-    bool status = m->isStatusMessage();
-    auto raw = m->rawSpeaker();
-    const char* side = status ? "status" : raw && log->NameInSpeakerList(*raw) ? "them" : "me";
-    main += "<div class=\"m " + std::string(side) + "\" id=\"m" + std::to_string(i) + "\"><time>";
-    if (m->timestamp) main += FormatDate(*m->timestamp, "%I:%M %p");
+    static const char* kSides[] = {"me", "them", "status"};
+    main += std::string("<div class=\"m ") + kSides[m.side] + "\" id=\"m" +
+            std::to_string(m.position) + "\"><time>";
+    if (when.size() > 10) main.append(when, 10);
     main += "</time>";
-    if (!status) {
+    if (m.side != ChatMessage::kStatus) {
       main += "<span class=\"who\">";
-      AppendEscaped(main, ToUtf8(m->Speaker().value_or(u"")));
+      AppendEscaped(main, m.speaker);
       main += "</span>";
     }
-    main += "<div class=\"x\">";
-    if (m->string) {
-      const std::string prefix = base + std::to_string(i) + "&a=";
-      AppendMessageHtml(
-          main, *m->string, [&](std::string& out, size_t k, const FileWrapper* file) {
-            std::string name = file && file->preferredFilename
-                                   ? ToUtf8(*file->preferredFilename)
-                                   : std::string("attachment");
-            if (!file || !file->IsRegularFile()) {
-              out += "<span class=\"file\">";
-              AppendEscaped(out, name);
-              out += "</span>";
-              return;
-            }
-            std::string href = Escaped(prefix + std::to_string(k));
-            if (!InlineImageType(file->contents).empty()) {
-              PixelSize px = ImagePixelSize(file->contents);
-              out += "<a href=\"" + href + "\" target=\"_blank\"><img src=\"" + href + "\" alt=\"";
-              AppendEscaped(out, name);
-              out += "\"";
-              if (px.width > 0 && px.height > 0)
-                out += " width=\"" + std::to_string(px.width) + "\" height=\"" +
-                       std::to_string(px.height) + "\"";
-              out += " loading=\"lazy\"></a>";
-            } else {
-              out += "<a class=\"file\" href=\"" + href + "\" download=\"";
-              AppendEscaped(out, name);
-              out += "\">";
-              AppendEscaped(out, name);
-              out += " <span class=\"meta\">(" + SizeText(file->contents.size()) + ")</span></a>";
-            }
-          });
-    }
-    main += "</div></div>\n";
+    main += "<div class=\"x\">" + m.html + "</div></div>\n";
   }
   main += "</div>\n";
   std::string title = summary->person + ", " + FormatDate(summary->first, "%B %e, %Y");

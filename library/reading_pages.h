@@ -43,6 +43,7 @@ class ReadingPages : public ViewerPages {
   ViewerReply Chat(const std::string& key);
   ViewerReply Search(std::string_view query);
   ViewerReply Attachment(const std::string& key, std::string_view message, std::string_view k);
+  std::string FileOf(const std::string& key) const;
   // The transcript of an indexed key, loaded (or from the cache).
   std::shared_ptr<ICLPChatLog> Load(const std::string& key);
 

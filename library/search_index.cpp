@@ -12,6 +12,7 @@
 #include <ctime>
 #include <unordered_map>
 
+#include "library/chat_html.h"
 #include "parser/scan.h"
 #include "platform/log.h"
 #include "platform/text.h"
@@ -45,10 +46,13 @@ CREATE TABLE IF NOT EXISTS messages(
   transcript INTEGER NOT NULL,
   position INTEGER NOT NULL,
   time REAL NOT NULL,
-  speaker TEXT NOT NULL);
+  speaker TEXT NOT NULL,
+  side INTEGER NOT NULL,
+  html TEXT);
 CREATE INDEX IF NOT EXISTS messages_by_transcript ON messages(transcript, position);
+CREATE TABLE IF NOT EXISTS names(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE COLLATE NOCASE);
 CREATE VIRTUAL TABLE IF NOT EXISTS message_text
-  USING fts5(text, tokenize = 'unicode61 remove_diacritics 2');
+  USING fts5(text, who, tokenize = 'unicode61 remove_diacritics 2', prefix = '3');
 CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;
 )sql";
 
@@ -57,6 +61,8 @@ CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value) WITHOUT ROWID;
 // ranges then run in FTS5's own row id order and stop at the limit instead
 // of sorting every match.
 constexpr int kSecondShift = 20;
+constexpr int kUserSide = ChatMessage::kUser, kOtherSide = ChatMessage::kOther,
+              kStatusSide = ChatMessage::kStatus;
 constexpr int64_t kMaxSecond = int64_t(1) << 42;
 
 int64_t RowIdFloor(Date d) {
@@ -291,22 +297,24 @@ struct SearchIndex::Statements {
         deletePeople(db, "DELETE FROM people WHERE transcript = ?1"),
         insertPerson(db, "INSERT INTO people(transcript, name) VALUES(?1, ?2)"),
         insertMessage(db,
-                      "INSERT INTO messages(id, transcript, position, time, speaker) "
-                      "VALUES(?1, ?2, ?3, ?4, ?5)"),
-        insertText(db, "INSERT INTO message_text(rowid, text) VALUES(?1, ?2)"),
+                      "INSERT INTO messages(id, transcript, position, time, speaker, side, "
+                      "html) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)"),
+        insertText(db, "INSERT INTO message_text(rowid, text, who) VALUES(?1, ?2, ?3)"),
         deleteTexts(db,
                     "DELETE FROM message_text WHERE rowid IN (SELECT id FROM messages WHERE "
                     "transcript = ?1 AND position >= ?2)"),
-        deleteMessages(db, "DELETE FROM messages WHERE transcript = ?1 AND position >= ?2") {}
+        deleteMessages(db, "DELETE FROM messages WHERE transcript = ?1 AND position >= ?2"),
+        findName(db, "SELECT id FROM names WHERE name = ?1"),
+        insertName(db, "INSERT INTO names(name) VALUES(?1)") {}
   bool ok() const {
     for (const Stmt* s : {&find, &insertTranscript, &updateTranscript, &markUnreadable,
                           &deleteTranscript, &deletePeople, &insertPerson, &insertMessage,
-                          &insertText, &deleteTexts, &deleteMessages})
+                          &insertText, &deleteTexts, &deleteMessages, &findName, &insertName})
       if (!s->ok()) return false;
     return true;
   }
   Stmt find, insertTranscript, updateTranscript, markUnreadable, deleteTranscript, deletePeople,
-      insertPerson, insertMessage, insertText, deleteTexts, deleteMessages;
+      insertPerson, insertMessage, insertText, deleteTexts, deleteMessages, findName, insertName;
 };
 
 SearchIndex::SearchIndex(std::string path) : path_(std::move(path)) {}
@@ -378,7 +386,11 @@ bool SearchIndex::OpenFile(std::string* error) {
     if (!Exec("COMMIT")) return fail("cannot create the index");
   }
   st_ = std::make_unique<Statements>(db_);
-  if (!st_->ok()) return fail("cannot read the index");
+  // Tables that are not ours (or not all there) are as good as damaged.
+  if (!st_->ok()) {
+    damaged_ = true;
+    return fail("the index's tables are not as expected");
+  }
   return true;
 }
 
@@ -468,6 +480,16 @@ void SearchIndex::RemoveMessages(int64_t id, int64_t from) {
   st_->deleteMessages.Reset();
 }
 
+int64_t SearchIndex::NameId(const std::string& name) {
+  int64_t id = -1;
+  if (st_->findName.Bind(1, name).Step() == SQLITE_ROW) id = st_->findName.Int(0);
+  st_->findName.Reset();
+  if (id >= 0) return id;
+  st_->insertName.Bind(1, name).Step();
+  st_->insertName.Reset();
+  return sqlite3_last_insert_rowid(db_);
+}
+
 SearchIndex::Change SearchIndex::AddInTransaction(const std::string& key, int64_t size,
                                                   int64_t mtimeNs, const ICLPChatLog& log) {
   Statements& s = *st_;
@@ -527,27 +549,64 @@ SearchIndex::Change SearchIndex::AddInTransaction(const std::string& key, int64_
 
   std::string firstLine;
   Date time = first.value_or(fallback);
+  // Speakers are shared objects: each is named (a contacts lookup) once.
+  struct Who {
+    std::string name;
+    int side;
+  };
+  std::unordered_map<const ICLPPresentity*, Who> speakers;
+  // The chat's person and participants as name tokens ("p12 p40") in a
+  // column of their own: a person filter is then one more term of the
+  // full-text query instead of a look at every match's transcript.
+  std::string who = "p" + std::to_string(NameId(ToUtf8(log.primaryOtherParty())));
+  for (const auto& p : log.Participants()) {
+    std::string name = p ? Utf8Name(p->Name()) : std::string();
+    if (!name.empty()) who += " p" + std::to_string(NameId(name));
+  }
+  const std::string attachmentBase = "attachment?t=" + QueryValue(key) + "&m=";
   for (int64_t i = 0; i < count; ++i) {
     const auto& m = messages[size_t(i)];
     if (!m) continue;
     if (m->timestamp) time = *m->timestamp;
-    if (m->isStatusMessage()) continue;
+    bool status = m->isStatusMessage();
     if (i < from) {
-      if (firstLine.empty()) firstLine = FirstLine(SearchableText(*m), 120);
+      if (firstLine.empty() && !status) firstLine = FirstLine(SearchableText(*m), 120);
       continue;
     }
+    // Status lines are kept for the chat page but not searched.
     std::u16string text = SearchableText(*m);
-    if (firstLine.empty()) firstLine = FirstLine(text, 120);
-    std::string speaker = Utf8Name(m->Speaker());
     std::string utf8 = ToUtf8(text);
+    std::string html;
+    Who speaker{"", kStatusSide};
+    if (status) {
+      AppendTextHtml(html, utf8);
+    } else {
+      if (firstLine.empty()) firstLine = FirstLine(text, 120);
+      auto it = speakers.find(m->speaker.get());
+      if (it == speakers.end()) {
+        auto raw = m->rawSpeaker();
+        it = speakers.emplace(m->speaker.get(),
+                         Who{Utf8Name(m->Speaker()), raw && log.NameInSpeakerList(*raw)
+                                                         ? kOtherSide
+                                                         : kUserSide})
+                 .first;
+      }
+      speaker = it->second;
+      if (m->string) html = MessageBodyHtml(*m->string, attachmentBase + std::to_string(i) + "&a=");
+    }
     int64_t row = RowIdFloor(time) | (i & ((int64_t(1) << kSecondShift) - 1));
     for (;;) {
-      int rc = s.insertMessage.Bind(1, row)
-                   .Bind(2, id)
-                   .Bind(3, i)
-                   .Bind(4, time.time)
-                   .Bind(5, speaker)
-                   .Step();
+      s.insertMessage.Bind(1, row)
+          .Bind(2, id)
+          .Bind(3, i)
+          .Bind(4, time.time)
+          .Bind(5, speaker.name)
+          .Bind(6, int64_t(speaker.side));
+      if (html.empty())
+        s.insertMessage.BindNull(7);
+      else
+        s.insertMessage.Bind(7, html);
+      int rc = s.insertMessage.Step();
       if (rc == SQLITE_DONE) break;
       if ((rc & 0xFF) != SQLITE_CONSTRAINT) {
         damaged_ |= IsDamage(rc);
@@ -557,7 +616,8 @@ SearchIndex::Change SearchIndex::AddInTransaction(const std::string& key, int64_
       ++row;  // another message holds this second's slot
     }
     s.insertMessage.Reset();
-    if (s.insertText.Bind(1, row).Bind(2, utf8).Step() != SQLITE_DONE) {
+    if (status) continue;
+    if (s.insertText.Bind(1, row).Bind(2, utf8).Bind(3, who).Step() != SQLITE_DONE) {
       damaged_ |= IsDamage(sqlite3_extended_errcode(db_));
       s.insertText.Reset();
       return Change::kFailed;
@@ -785,7 +845,7 @@ bool SearchIndex::Clear() {
   }
   if (!Begin()) return false;
   bool ok = Exec(
-      "DELETE FROM message_text; DELETE FROM messages; DELETE FROM people; "
+      "DELETE FROM message_text; DELETE FROM messages; DELETE FROM people; DELETE FROM names; "
       "DELETE FROM transcripts; DELETE FROM meta;");
   // Placeholders (size -1) that the next Sync loads again.
   for (const auto& key : outside) {
@@ -814,6 +874,14 @@ std::vector<SearchHit> SearchIndex::Search(const SearchQuery& q, std::string* er
     if (error) *error = "the search index cannot be opened";
     return hits;
   }
+  std::string match = "text : (" + *fts + ")";
+  if (!q.person.empty()) {
+    int64_t person = -1;
+    if (st_->findName.Bind(1, q.person).Step() == SQLITE_ROW) person = st_->findName.Int(0);
+    st_->findName.Reset();
+    if (person < 0) return hits;  // nobody of that name
+    match += " AND who : \"p" + std::to_string(person) + "\"";
+  }
   std::string sql =
       "SELECT m.position, m.time, m.speaker, t.path, t.person, "
       "snippet(message_text, 0, char(1), char(2), '\u2026', 24) "
@@ -821,11 +889,7 @@ std::vector<SearchHit> SearchIndex::Search(const SearchQuery& q, std::string* er
       "JOIN transcripts t ON t.id = m.transcript "
       "WHERE message_text MATCH ?1 AND message_text.rowid BETWEEN ?2 AND ?3 "
       "AND m.time BETWEEN ?7 AND ?8 ";
-  if (!q.person.empty())
-    sql +=
-        "AND (t.person = ?4 COLLATE NOCASE OR EXISTS (SELECT 1 FROM people p WHERE "
-        "p.transcript = t.id AND p.name = ?4 COLLATE NOCASE)) ";
-  sql += q.byRelevance ? "ORDER BY bm25(message_text), message_text.rowid DESC "
+  sql += q.byRelevance ? "ORDER BY bm25(message_text, 1, 0), message_text.rowid DESC "
                        : "ORDER BY message_text.rowid DESC ";
   sql += "LIMIT ?5 OFFSET ?6";
   Stmt s(db_, sql.c_str());
@@ -838,8 +902,7 @@ std::vector<SearchHit> SearchIndex::Search(const SearchQuery& q, std::string* er
   int64_t lo = q.since ? RowIdFloor(*q.since) : 0;
   int64_t hi = q.until ? (RowIdFloor(*q.until) | ((int64_t(1) << kSecondShift) - 1))
                        : std::numeric_limits<int64_t>::max();
-  s.Bind(1, *fts).Bind(2, lo).Bind(3, hi);
-  if (!q.person.empty()) s.Bind(4, q.person);
+  s.Bind(1, match).Bind(2, lo).Bind(3, hi);
   s.Bind(5, int64_t(q.limit > 0 ? q.limit : -1)).Bind(6, int64_t(std::max(0, q.offset)));
   s.Bind(7, q.since ? q.since->time : -1e300).Bind(8, q.until ? q.until->time : 1e300);
   int rc;
@@ -932,9 +995,34 @@ std::optional<ChatSummary> SearchIndex::Chat(const std::string& key) {
   return out;
 }
 
+std::vector<ChatMessage> SearchIndex::ChatMessages(const std::string& key) {
+  std::vector<ChatMessage> out;
+  if (!db_) return out;
+  Stmt s(db_,
+         "SELECT m.position, m.time, m.speaker, m.side, coalesce(m.html, ''), m.html IS NULL, "
+         "f.text FROM transcripts t JOIN messages m ON m.transcript = t.id "
+         "LEFT JOIN message_text f ON f.rowid = m.id WHERE t.path = ?1 ORDER BY m.position");
+  s.Bind(1, key);
+  while (s.ok() && s.Step() == SQLITE_ROW) {
+    ChatMessage m;
+    m.position = s.Int(0);
+    m.time = Date{s.Real(1)};
+    m.speaker = s.Text(2);
+    m.side = ChatMessage::Side(s.Int(3));
+    if (s.Int(5))
+      AppendTextHtml(m.html, s.Text(6));
+    else
+      m.html = s.Text(4);
+    out.push_back(std::move(m));
+  }
+  damaged_ |= IsDamage(s.lastError());
+  CheckDamage();
+  return out;
+}
+
 int64_t SearchIndex::MessageCount() {
   if (!db_) return 0;
-  Stmt s(db_, "SELECT count(*) FROM messages");
+  Stmt s(db_, "SELECT count(*) FROM message_text");
   int64_t n = s.ok() && s.Step() == SQLITE_ROW ? s.Int(0) : 0;
   s.Reset();
   return n;

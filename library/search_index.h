@@ -79,6 +79,16 @@ struct ChatSummary {
   std::string firstLine;
 };
 
+// A message as the chat page shows it.
+struct ChatMessage {
+  enum Side { kUser = 0, kOther = 1, kStatus = 2 };
+  int64_t position = 0;
+  Date time;
+  std::string speaker;
+  Side side = kUser;
+  std::string html;  // the body, safe to insert into a page
+};
+
 struct SyncSummary {
   int64_t found = 0, unchanged = 0, indexed = 0, removed = 0, unreadable = 0;
   bool finished = false;  // false when stopped or out of time
@@ -129,7 +139,9 @@ class SearchIndex {
   std::vector<PersonSummary> People();
   std::vector<ChatSummary> Chats(const std::string& person);  // newest first
   std::optional<ChatSummary> Chat(const std::string& key);
-  int64_t MessageCount();
+  // Every message of a chat in order, status lines too.
+  std::vector<ChatMessage> ChatMessages(const std::string& key);
+  int64_t MessageCount();  // searchable messages
 
  private:
   struct Statements;
@@ -145,6 +157,7 @@ class SearchIndex {
   Change AddInTransaction(const std::string& key, int64_t size, int64_t mtimeNs,
                           const ICLPChatLog& log);
   void RemoveMessages(int64_t transcriptId, int64_t fromPosition);
+  int64_t NameId(const std::string& name);  // added when new
   SyncSummary SyncOnce(const std::string& transcriptFolder, const SyncOptions& options,
                        bool* rebuilt);
 

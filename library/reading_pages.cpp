@@ -398,15 +398,15 @@ std::shared_ptr<ICLPChatLog> ReadingPages::Load(const std::string& key) {
 ViewerReply ReadingPages::Chat(const std::string& key) {
   std::optional<ChatSummary> summary;
   std::vector<ChatMessage> messages;
+  struct stat st {};
+  std::string path = PlainKey(key) ? FileOf(key) : std::string();
+  if (path.empty() || stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    return NotFound("This chat's transcript is gone.");
   {
     std::lock_guard<std::mutex> lock(indexMutex_);
     // The page comes from the index, which holds every message ready to
     // show: a long chat needs no decoding.  A transcript changed since it
     // was indexed is indexed first.
-    struct stat st {};
-    std::string path = PlainKey(key) ? FileOf(key) : std::string();
-    if (path.empty() || stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-      return NotFound("This chat's transcript is gone.");
     int64_t mtime = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
     if (index_->Chat(key) && !index_->IsCurrent(key, int64_t(st.st_size), mtime)) {
       if (auto log = ICLPChatLog::InitWithFilePath(path, nullptr))

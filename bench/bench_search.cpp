@@ -37,8 +37,8 @@ fs::path Root() {
 
 // Made-up words: syllables in a fixed order, rank 0 the most frequent.
 std::vector<std::string> Vocabulary() {
-  static const char* syllables[] = {"ka", "lo", "mi", "ra", "ten", "sho", "vu", "bel", "dor",
-                                    "an", "fi", "gu", "pe", "zo", "ri", "mun", "sa", "te"};
+  static const char* syllables[] = {"ka", "lo", "mi", "ra", "ten", "sho", "vu",  "bel", "dor",
+                                    "an", "fi", "gu", "pe", "zo",  "ri",  "mun", "sa",  "te"};
   std::vector<std::string> words;
   for (int i = 0; words.size() < 30000; ++i) {
     std::string w;
@@ -48,7 +48,9 @@ std::vector<std::string> Vocabulary() {
   // A few accented words among the frequent ones.
   words[40] = "caf\xC3\xA9";
   words[41] = "na\xC3\xAFve";
-  words[42] = "\xC3\xBC" "ber";
+  words[42] =
+      "\xC3\xBC"
+      "ber";
   return words;
 }
 

@@ -77,9 +77,8 @@ std::vector<std::shared_ptr<FileWrapper>> Attachments(const AttributedString& te
   size_t start = 0;
   for (const auto& run : text.runs) {
     size_t end = std::min(text.text.size(), start + run.length);
-    auto attachment = run.attributes
-                          ? As<TextAttachment>(run.attributes->Get(kAttachmentAttribute))
-                          : nullptr;
+    auto attachment =
+        run.attributes ? As<TextAttachment>(run.attributes->Get(kAttachmentAttribute)) : nullptr;
     for (size_t i = start; attachment && i < end; ++i)
       if (text.text[i] == u'\uFFFC') out.push_back(attachment->fileWrapper);
     start = end;
@@ -170,8 +169,8 @@ void AppendAttachment(std::string& out, const FileWrapper* file, const std::stri
     AppendEscaped(out, name);
     out += "\"";
     if (px.width > 0 && px.height > 0)
-      out += " width=\"" + std::to_string(px.width) + "\" height=\"" +
-             std::to_string(px.height) + "\"";
+      out += " width=\"" + std::to_string(px.width) + "\" height=\"" + std::to_string(px.height) +
+             "\"";
     out += " loading=\"lazy\"></a>";
   } else {
     out += "<a class=\"file\" href=\"" + Escaped(href) + "\" download=\"";

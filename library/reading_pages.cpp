@@ -276,8 +276,9 @@ std::string ReadingPages::Shell(const std::string& title, const char* section,
     out += std::string("<a") + (std::string_view(section) == label ? " class=\"here\"" : "") +
            " href=\"" + href + "\">" + label + "</a>";
   out += "</nav>\n<form class=\"box\" action=\"search\" method=\"get\" role=\"search\">";
-  out += "<input type=\"search\" name=\"q\" placeholder=\"Search all chats\" "
-         "aria-label=\"Search all chats\" value=\"";
+  out +=
+      "<input type=\"search\" name=\"q\" placeholder=\"Search all chats\" "
+      "aria-label=\"Search all chats\" value=\"";
   AppendEscaped(out, query);
   out += "\"><button type=\"submit\">Go</button></form>\n<h2>People</h2>\n<ul class=\"nav\">";
   for (const auto& p : people) {
@@ -310,8 +311,7 @@ ViewerReply ReadingPages::People() {
   for (const auto& p : people) chats += p.chats;
   std::string main = "<header><h1>People</h1><p>" + std::to_string(people.size()) +
                      (people.size() == 1 ? " person or group, " : " people and groups, ") +
-                     std::to_string(chats) + (chats == 1 ? " chat" : " chats") +
-                     ".</p></header>\n";
+                     std::to_string(chats) + (chats == 1 ? " chat" : " chats") + ".</p></header>\n";
   if (people.empty()) {
     main +=
         "<p class=\"card\" style=\"padding:16px\">No chats yet: the transcripts in "
@@ -422,8 +422,7 @@ ViewerReply ReadingPages::Chat(const std::string& key) {
   main += "<header><h1>";
   AppendEscaped(main, summary->person);
   main += "</h1><p>" + Escaped(FormatDate(summary->first, "%A, %B %e, %Y")) + " \xC2\xB7 " +
-          std::to_string(summary->messages) +
-          (summary->messages == 1 ? " message" : " messages");
+          std::to_string(summary->messages) + (summary->messages == 1 ? " message" : " messages");
   if (summary->people.size() > 1) {
     main += " \xC2\xB7 with ";
     for (size_t i = 0; i < summary->people.size(); ++i) {
@@ -487,17 +486,17 @@ ViewerReply ReadingPages::Search(std::string_view rawQuery) {
 
   std::string main = "<header><h1>Search</h1><p>";
   main += searched && problem.empty()
-              ? (hits.empty() && page == 1 ? std::string("Nothing matched.")
-                                           : "Results " + std::to_string(query.offset + 1) +
-                                                 "\xE2\x80\x93" +
-                                                 std::to_string(query.offset + hits.size()) +
-                                                 (query.byRelevance ? ", best first."
-                                                                    : ", newest first."))
+              ? (hits.empty() && page == 1
+                     ? std::string("Nothing matched.")
+                     : "Results " + std::to_string(query.offset + 1) + "\xE2\x80\x93" +
+                           std::to_string(query.offset + hits.size()) +
+                           (query.byRelevance ? ", best first." : ", newest first."))
               : std::string(
                     "Words, \"quoted phrases\" and prefix* terms; case and accents do not "
                     "matter.");
   main += "</p></header>\n";
-  if (!problem.empty()) main += "<p class=\"card\" style=\"padding:12px 16px\">" + Escaped(problem) + "</p>\n";
+  if (!problem.empty())
+    main += "<p class=\"card\" style=\"padding:12px 16px\">" + Escaped(problem) + "</p>\n";
 
   main += "<form class=\"find\" action=\"search\" method=\"get\">";
   main += "<label class=\"q\">Words<input type=\"search\" name=\"q\" value=\"" +
@@ -510,9 +509,11 @@ ViewerReply ReadingPages::Search(std::string_view rawQuery) {
     main += "</option>";
   }
   main += "</select></label>";
-  main += "<label>From<input type=\"date\" name=\"since\" value=\"" + Escaped(since) + "\"></label>";
+  main +=
+      "<label>From<input type=\"date\" name=\"since\" value=\"" + Escaped(since) + "\"></label>";
   main += "<label>To<input type=\"date\" name=\"until\" value=\"" + Escaped(until) + "\"></label>";
-  main += std::string("<label>Order<select name=\"order\"><option value=\"newest\">Newest first</option>") +
+  main += std::string(
+              "<label>Order<select name=\"order\"><option value=\"newest\">Newest first</option>") +
           "<option value=\"relevance\"" + (query.byRelevance ? " selected" : "") +
           ">Best match</option></select></label><button type=\"submit\">Search</button></form>\n";
 
@@ -543,9 +544,8 @@ ViewerReply ReadingPages::Search(std::string_view rawQuery) {
   if (searched && (page > 1 || int(hits.size()) == kHitsPerPage)) {
     auto pageHref = [&](int n) {
       return Escaped("search?q=" + QueryValue(query.text) + "&with=" + QueryValue(query.person) +
-                     "&since=" + QueryValue(since) + "&until=" + QueryValue(until) +
-                     "&order=" + (query.byRelevance ? "relevance" : "newest") +
-                     "&page=" + std::to_string(n));
+                     "&since=" + QueryValue(since) + "&until=" + QueryValue(until) + "&order=" +
+                     (query.byRelevance ? "relevance" : "newest") + "&page=" + std::to_string(n));
     };
     main += "<nav class=\"pages\">";
     if (page > 1) main += "<a href=\"" + pageHref(page - 1) + "\">\xE2\x86\x90 Previous</a>";

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <limits>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <unordered_map>
 
 #include "library/chat_html.h"
@@ -341,8 +341,8 @@ bool SearchIndex::Exec(const char* sql) {
 bool SearchIndex::OpenFile(std::string* error) {
   CloseFile();
   damaged_ = false;
-  int rc = sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   if (rc != SQLITE_OK) {
     if (error) *error = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
     damaged_ = IsDamage(rc);
@@ -585,10 +585,10 @@ SearchIndex::Change SearchIndex::AddInTransaction(const std::string& key, int64_
       auto it = speakers.find(m->speaker.get());
       if (it == speakers.end()) {
         auto raw = m->rawSpeaker();
-        it = speakers.emplace(m->speaker.get(),
-                         Who{Utf8Name(m->Speaker()), raw && log.NameInSpeakerList(*raw)
-                                                         ? kOtherSide
-                                                         : kUserSide})
+        it = speakers
+                 .emplace(m->speaker.get(),
+                          Who{Utf8Name(m->Speaker()),
+                              raw && log.NameInSpeakerList(*raw) ? kOtherSide : kUserSide})
                  .first;
       }
       speaker = it->second;
@@ -743,8 +743,7 @@ SyncSummary SearchIndex::SyncOnce(const std::string& folder, const SyncOptions& 
   };
   std::unordered_map<std::string, OnDisk> disk;
   for (auto& f : parser::FindTranscripts(folder))
-    disk.emplace(f.relativePath,
-                 OnDisk{folder + "/" + f.relativePath, f.size, f.mtimeNs});
+    disk.emplace(f.relativePath, OnDisk{folder + "/" + f.relativePath, f.size, f.mtimeNs});
 
   std::vector<std::string> gone;
   std::vector<std::pair<std::string, OnDisk>> work;
@@ -784,7 +783,8 @@ SyncSummary SearchIndex::SyncOnce(const std::string& folder, const SyncOptions& 
     ++summary.found;
     work.push_back({key, std::move(f)});
   }
-  std::sort(work.begin(), work.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::sort(work.begin(), work.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
 
   if (!gone.empty()) {
     Begin();
@@ -986,8 +986,8 @@ std::vector<ChatSummary> SearchIndex::Chats(const std::string& person) {
 std::optional<ChatSummary> SearchIndex::Chat(const std::string& key) {
   ReopenIfReplaced();
   if (!db_) return std::nullopt;
-  Stmt s(db_, (std::string(kChatColumns) + "WHERE path = ?1 AND unreadable = 0 AND size >= 0")
-                  .c_str());
+  Stmt s(db_,
+         (std::string(kChatColumns) + "WHERE path = ?1 AND unreadable = 0 AND size >= 0").c_str());
   s.Bind(1, key);
   std::optional<ChatSummary> out;
   if (s.ok() && s.Step() == SQLITE_ROW) out = ReadChat(db_, s);

@@ -97,8 +97,8 @@ struct SyncSummary {
 struct SyncOptions {
   // Before each transcript that is loaded (index, count, key).
   std::function<void(size_t, size_t, const std::string&)> progress;
-  double budgetSeconds = 0;     // 0: no limit
-  std::function<bool()> stop;   // polled between transcripts
+  double budgetSeconds = 0;    // 0: no limit
+  std::function<bool()> stop;  // polled between transcripts
 };
 
 class SearchIndex {

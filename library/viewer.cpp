@@ -263,8 +263,8 @@ LibraryViewer::LibraryViewer(std::string folder, uint16_t port, std::shared_ptr<
     auto* params = new Poco::Net::HTTPServerParams;
     params->setMaxThreads(4);
     params->setKeepAlive(true);
-    impl_->server =
-        std::make_unique<Poco::Net::HTTPServer>(new Factory(std::move(folder), std::move(pages)), socket, params);
+    impl_->server = std::make_unique<Poco::Net::HTTPServer>(
+        new Factory(std::move(folder), std::move(pages)), socket, params);
     impl_->server->start();
   } catch (const Poco::Exception& e) {
     error_ = e.displayText();

@@ -85,7 +85,8 @@ int main(int argc, char** argv) {
   // the agent's time limit.
   SyncOptions sync;
   sync.budgetSeconds = std::max(
-      5.0, 150.0 - std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+      5.0,
+      150.0 - std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
   sync.stop = [] { return !keepRunning; };
   index.Finish(sync);
   return summary.recordWriteFailed ? 1 : 0;

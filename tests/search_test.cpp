@@ -46,7 +46,9 @@ TEST(SearchWithTheParser, GrowRemoveAndDamage) {
     std::vector<std::pair<const char*, size_t>> found;
   } steps[] = {
       {"new", {"meet the zebra", "ok"}, {{"zebra", 1}, {"quokka", 0}}},
-      {"grown", {"meet the zebra", "ok", "a quokka!", "zebra again"}, {{"zebra", 2}, {"quokka", 1}}},
+      {"grown",
+       {"meet the zebra", "ok", "a quokka!", "zebra again"},
+       {{"zebra", 2}, {"quokka", 1}}},
       {"rewritten", {"meet the okapi", "ok"}, {{"zebra", 0}, {"okapi", 1}}},
   };
   for (const auto& s : steps) {

@@ -30,8 +30,7 @@ std::unique_ptr<SearchIndex> OpenCurrentIndex(const char* command, bool clear) {
   std::string error;
   auto index = SearchIndex::Open(SearchIndexPath(data), &error);
   if (!index) {
-    std::fprintf(stderr, "gabfolio %s: cannot open the search index: %s\n", command,
-                 error.c_str());
+    std::fprintf(stderr, "gabfolio %s: cannot open the search index: %s\n", command, error.c_str());
     return nullptr;
   }
   if (clear && !index->Clear()) {
@@ -40,7 +39,8 @@ std::unique_ptr<SearchIndex> OpenCurrentIndex(const char* command, bool clear) {
   }
   // Ctrl-C stops between transcripts; what was indexed so far is kept.
   keepRunning = 1;
-  struct sigaction sa {}, oldInt{}, oldTerm{};
+  struct sigaction sa {
+  }, oldInt{}, oldTerm{};
   sa.sa_handler = Interrupt;
   sigaction(SIGINT, &sa, &oldInt);
   sigaction(SIGTERM, &sa, &oldTerm);

@@ -1,5 +1,7 @@
 // The search index over real transcript files: the query language, the
 // incremental updates, and the chat page's escaping of chat-borne HTML.
+#include "library/search_index.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -8,7 +10,6 @@
 #include "archive/testing/fixture_writer.h"
 #include "library/chat_html.h"
 #include "library/reading_pages.h"
-#include "library/search_index.h"
 #include "library/tests/test_home.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
@@ -81,8 +82,12 @@ TEST_F(SearchIndexTest, QueryLanguage) {
         {{u"cy", {Text(u"na\u00efve readers, all of us")}}}, {u"anna", u"cy"});
   ASSERT_TRUE(index_->Sync(folder_).finished);
 
-  const std::string cafeBo = "\x01" "cafe\x02 au lait please";
-  const std::string cafeAnna = "Meet me at the \x01" "Caf\xC3\xA9\x02 Luna";
+  const std::string cafeBo =
+      "\x01"
+      "cafe\x02 au lait please";
+  const std::string cafeAnna =
+      "Meet me at the \x01"
+      "Caf\xC3\xA9\x02 Luna";
   struct Row {
     const char* query;
     std::string person, since, until;
@@ -90,19 +95,68 @@ TEST_F(SearchIndexTest, QueryLanguage) {
   } rows[] = {
       {"cafe", "", "", "", {cafeBo, cafeAnna}},  // accents fold both ways
       {"CAF\xC3\x89", "", "", "", {cafeBo, cafeAnna}},
-      {"\"frequent flyer\"", "", "", "", {"my \x01" "frequent flyer\x02 number is 12345"}},
-      {"flyer frequent", "", "", "", {"the \x01" "flyer\x02 is \x01" "frequent\x02",
-                                      "my \x01" "frequent\x02 \x01" "flyer\x02 number is 12345"}},
-      {"fly* numb*", "", "", "", {"my frequent \x01" "flyer\x02 \x01" "number\x02 is 12345"}},
-      {"\"forget the\" tick*", "", "", "", {"don't \x01" "forget the\x02 \x01" "tickets\x02"}},
-      {"don't", "", "", "", {"\x01" "don't\x02 forget the tickets"}},
-      {"gr\xC3\xBC\xC3\x9F" "e", "", "", "", {"\x01" "Gr\xC3\xBC\xC3\x9F" "e\x02 aus Berlin"}},
+      {"\"frequent flyer\"",
+       "",
+       "",
+       "",
+       {"my \x01"
+        "frequent flyer\x02 number is 12345"}},
+      {"flyer frequent",
+       "",
+       "",
+       "",
+       {"the \x01"
+        "flyer\x02 is \x01"
+        "frequent\x02",
+        "my \x01"
+        "frequent\x02 \x01"
+        "flyer\x02 number is 12345"}},
+      {"fly* numb*",
+       "",
+       "",
+       "",
+       {"my frequent \x01"
+        "flyer\x02 \x01"
+        "number\x02 is 12345"}},
+      {"\"forget the\" tick*",
+       "",
+       "",
+       "",
+       {"don't \x01"
+        "forget the\x02 \x01"
+        "tickets\x02"}},
+      {"don't",
+       "",
+       "",
+       "",
+       {"\x01"
+        "don't\x02 forget the tickets"}},
+      {"gr\xC3\xBC\xC3\x9F"
+       "e",
+       "",
+       "",
+       "",
+       {"\x01"
+        "Gr\xC3\xBC\xC3\x9F"
+        "e\x02 aus Berlin"}},
       {"away", "", "", "", {}},  // status lines are not searched
       {"cafe", "", "2005-04", "", {cafeBo}},
       {"cafe", "", "", "2005-03-31", {cafeAnna}},
-      {"cafe", "bo", "", "", {cafeBo}},                     // the chat's person, any case
-      {"naive", "cy", "", "", {"\x01" "na\xC3\xAF" "ve\x02 readers, all of us"}},  // a participant
-      {"naive", "Anna", "", "", {"\x01" "na\xC3\xAF" "ve\x02 readers, all of us"}},
+      {"cafe", "bo", "", "", {cafeBo}},  // the chat's person, any case
+      {"naive",
+       "cy",
+       "",
+       "",
+       {"\x01"
+        "na\xC3\xAF"
+        "ve\x02 readers, all of us"}},  // a participant
+      {"naive",
+       "Anna",
+       "",
+       "",
+       {"\x01"
+        "na\xC3\xAF"
+        "ve\x02 readers, all of us"}},
       {"naive", "Bo", "", "", {}},
       {"cafe", "nobody", "", "", {}},
       {"unclosed \"quote", "", "", "", {}},  // not an error, just no match
@@ -136,10 +190,16 @@ TEST_F(SearchIndexTest, GrowsOnlyWhatIsNewAndReindexesWhatChanged) {
     int zebras, messages;
   } steps[] = {
       {"new", {line("a zebra"), line("hello")}, SearchIndex::Change::kAdded, 1, 2},
-      {"grown", {line("a zebra"), line("hello"), line("zebra again")},
-       SearchIndex::Change::kGrown, 2, 3},
-      {"rewritten", {line("a horse"), line("hello"), line("zebra again"), line("bye")},
-       SearchIndex::Change::kReindexed, 1, 4},
+      {"grown",
+       {line("a zebra"), line("hello"), line("zebra again")},
+       SearchIndex::Change::kGrown,
+       2,
+       3},
+      {"rewritten",
+       {line("a horse"), line("hello"), line("zebra again"), line("bye")},
+       SearchIndex::Change::kReindexed,
+       1,
+       4},
       {"shrunk", {line("a horse")}, SearchIndex::Change::kReindexed, 0, 1},
   };
   for (const auto& s : steps) {

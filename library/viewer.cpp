@@ -164,7 +164,7 @@ using Poco::Net::HTTPResponse;
 
 class FileHandler : public Poco::Net::HTTPRequestHandler {
  public:
-  explicit FileHandler(const std::string& folder) : folder_(folder) {}
+  FileHandler(const std::string& folder, ViewerPages* pages) : folder_(folder), pages_(pages) {}
   void handleRequest(Poco::Net::HTTPServerRequest& request,
                      Poco::Net::HTTPServerResponse& response) override {
     // Chat text never runs as script here, whatever the page or file.
@@ -179,6 +179,7 @@ class FileHandler : public Poco::Net::HTTPRequestHandler {
       response.send();
       return;
     }
+    if (pages_ && ServePage(request, response)) return;
     LibraryFile file = ResolveLibraryRequest(folder_, request.getURI());
     if (file.status == 301) {
       response.set("Location", file.location);
@@ -210,19 +211,42 @@ class FileHandler : public Poco::Net::HTTPRequestHandler {
   }
 
  private:
+  bool ServePage(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) {
+    std::string_view target = request.getURI();
+    target = target.substr(0, target.find('#'));
+    size_t q = target.find('?');
+    ViewerReply reply;
+    if (!pages_->Serve(target.substr(0, q),
+                       q == std::string_view::npos ? std::string_view() : target.substr(q + 1),
+                       reply))
+      return false;
+    for (const auto& [name, value] : reply.headers) response.set(name, value);
+    response.setStatusAndReason(HTTPResponse::HTTPStatus(reply.status));
+    response.setContentType(reply.contentType);
+    response.setContentLength(std::streamsize(reply.body.size()));
+    if (request.getMethod() == "HEAD")
+      response.send();
+    else
+      response.sendBuffer(reply.body.data(), reply.body.size());
+    return true;
+  }
+
   const std::string& folder_;
+  ViewerPages* pages_;
 };
 
 class Factory : public Poco::Net::HTTPRequestHandlerFactory {
  public:
-  explicit Factory(std::string folder) : folder_(std::move(folder)) {}
+  Factory(std::string folder, std::shared_ptr<ViewerPages> pages)
+      : folder_(std::move(folder)), pages_(std::move(pages)) {}
   Poco::Net::HTTPRequestHandler* createRequestHandler(
       const Poco::Net::HTTPServerRequest&) override {
-    return new FileHandler(folder_);
+    return new FileHandler(folder_, pages_.get());
   }
 
  private:
   std::string folder_;
+  std::shared_ptr<ViewerPages> pages_;
 };
 
 }  // namespace
@@ -231,15 +255,16 @@ struct LibraryViewer::Impl {
   std::unique_ptr<Poco::Net::HTTPServer> server;
 };
 
-LibraryViewer::LibraryViewer(std::string folder, uint16_t port) : impl_(std::make_unique<Impl>()) {
+LibraryViewer::LibraryViewer(std::string folder, uint16_t port, std::shared_ptr<ViewerPages> pages)
+    : impl_(std::make_unique<Impl>()) {
   try {
     Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port));
     port_ = socket.address().port();
     auto* params = new Poco::Net::HTTPServerParams;
     params->setMaxThreads(4);
     params->setKeepAlive(true);
-    impl_->server =
-        std::make_unique<Poco::Net::HTTPServer>(new Factory(std::move(folder)), socket, params);
+    impl_->server = std::make_unique<Poco::Net::HTTPServer>(
+        new Factory(std::move(folder), std::move(pages)), socket, params);
     impl_->server->start();
   } catch (const Poco::Exception& e) {
     error_ = e.displayText();

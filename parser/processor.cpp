@@ -5,9 +5,9 @@
 #include <map>
 #include <unordered_map>
 
-#include "parser/scan.h"
 #include "platform/log.h"
 #include "platform/report_error.h"
+#include "platform/transcript_files.h"
 #include "platform/write_batch.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
@@ -59,7 +59,7 @@ class Run {
  private:
   int64_t Now() const { return options_.now ? options_.now() : SystemNow(); }
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
-  void Handle(const FoundTranscript& f, RecordEntry& e);
+  std::unique_ptr<ICLPChatLog> Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
   bool Flush();
 
@@ -104,7 +104,8 @@ void Run::Save() {
   SaveRecord(recordPath_, record_);
 }
 
-void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+// Returns the transcript when it loaded.
+std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   const std::string full = options_.transcriptFolder + "/" + f.relativePath;
   e.size = f.size;
   e.mtimeNs = f.mtimeNs;
@@ -118,7 +119,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = reason;
     summary_.unreadable.emplace_back(f.relativePath, reason);
     Save();
-    return;
+    return nullptr;
   }
 
   if (!options_.importing && !library_.ChatHasEnded(*log)) {
@@ -126,7 +127,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = "the chat is still open";
     ++summary_.waiting;
     Save();
-    return;
+    return log;
   }
 
   const auto& messages = log->Messages();
@@ -182,6 +183,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
   // A mail's outcome is committed at once, so a kill after the server took
   // the mail does not send it again.
   if (mailNow) Flush();
+  return log;
 }
 
 // Links and images go into the stores, pages and text logs for many
@@ -306,7 +308,8 @@ RunSummary Run::Go() {
       it = record_.transcripts.emplace(f.key, fresh).first;
     }
     RecordEntry& e = it->second;
-    Handle(f, e);
+    auto log = Handle(f, e);
+    if (options_.loaded) options_.loaded(f.key, f.size, f.mtimeNs, log.get());
   }
   if (!summary_.recordWriteFailed) Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");

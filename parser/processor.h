@@ -57,6 +57,10 @@ struct RunOptions {
   double timeBudgetSeconds = 0;
   // Called before each transcript that needs work (index, count, path).
   std::function<void(size_t, size_t, const std::string&)> progress;
+  // Called with each transcript the run read, after its work on it (record
+  // key, size and mtime as found; null when it did not load): the search
+  // index follows here.
+  std::function<void(const std::string&, int64_t, int64_t, const ICLPChatLog*)> loaded;
 };
 
 struct RunSummary {

@@ -1,7 +1,7 @@
 #include "parser/quick_check.h"
 
 #include "parser/record.h"
-#include "parser/scan.h"
+#include "platform/transcript_files.h"
 #include "platform/write_batch.h"
 
 namespace gab::parser {

@@ -43,7 +43,7 @@ TEST(Arguments, HelpAndErrors) {
       {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
       {{"view", "--port", "http"}, 2, "bad port"},
       {{"view", "--port", "70000"}, 2, "bad port"},
-      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
+      {{"view", "--quiet"}, 2, "usage: gabfolio view"},
       {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
       {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
       {{"status", "--help"}, 0, "usage: gabfolio status"},

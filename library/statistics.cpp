@@ -145,4 +145,16 @@ void UpdateStatistics(const ICLPChatLog* transcript) {
   WriteLibraryPage(kPageName, FillStatisticsTemplate(std::move(*page), totals));
 }
 
+void BackdateStatistics(Date earliest) {
+  const std::string folder = DataFolder();
+  const std::string storePath = folder + "/" + kStoreName;
+  std::optional<StatisticsTotals> totals = StoredStatisticsTotals(storePath);
+  if (!totals || (totals->start && totals->start->time <= earliest.time)) return;
+  totals->start = earliest;
+  PlistPtr store = StatisticsStore(*totals);
+  WriteStoreIntoDataFolder(kStoreName, PlistToXml(store.get()));
+  std::optional<std::string> page = ReadWholeFile(folder + "/" + kTemplateName);
+  if (page) WriteLibraryPage(kPageName, FillStatisticsTemplate(std::move(*page), *totals));
+}
+
 }  // namespace gab

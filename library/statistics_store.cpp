@@ -132,6 +132,15 @@ StatisticsTotals LoadStatisticsTotals(const std::string& storePath, const std::s
   return totals;
 }
 
+std::optional<StatisticsTotals> StoredStatisticsTotals(const std::string& storePath) {
+  PlistPtr store = ReadPlistFile(storePath);
+  if (!store || plist_get_node_type(store.get()) != PLIST_DICT) return std::nullopt;
+  StatisticsTotals totals = LoadStatisticsTotals(storePath, "", Date::Now());
+  totals.chats = Wrapped(totals.chats, -1);  // as stored, without a chat of this run
+  totals.end = DateValue(plist_dict_get_item(store.get(), "endDate"));
+  return totals;
+}
+
 std::optional<WordSet> LoadWordList(const std::string& path) {
   PlistPtr list = ReadPlistFile(path);
   if (!list || plist_get_node_type(list.get()) != PLIST_ARRAY) return std::nullopt;

@@ -77,6 +77,8 @@ class Run {
   size_t batchTranscripts_ = 0;
   std::chrono::steady_clock::time_point lastFlush_ = std::chrono::steady_clock::now();
   Added added_;
+  // An import's earliest counted message: the statistics start no later.
+  std::optional<Date> earliest_;
   // Every write into the data folder (stores, pages, logs, images, the
   // record) is held here until the batch commits, so a run killed at any
   // moment leaves the library and the record as they were after the last
@@ -174,6 +176,11 @@ std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& 
     auto part =
         ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
     library_.CountStatistics(*part);
+    if (options_.importing)
+      for (const auto& m : part->Messages())
+        if (auto t = m ? m->TimeStamp() : std::nullopt;
+            t && (!earliest_ || t->time < earliest_->time))
+          earliest_ = t;
     ++added_.processed;
     added_.messages += count - from;
     if (!options_.progress)
@@ -200,6 +207,7 @@ bool Run::Flush() {
     if (options_.handleImages)
       added_.images += library_.GatherImages(*all, options_.dataFolder + "/images.txt");
   }
+  if (earliest_) library_.BackdateStatistics(*earliest_);
   lastFlush_ = std::chrono::steady_clock::now();
   std::string error;
   if (!writes_->Commit(&error)) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "parser/record.h"
+#include "platform/dates.h"
 
 namespace gab {
 class ICLPChatLog;
@@ -34,6 +35,8 @@ class Library {
   virtual int64_t GatherLinks(const ICLPChatLog& messages, const std::string& textLog) = 0;
   virtual int64_t GatherImages(const ICLPChatLog& messages, const std::string& textLog) = 0;
   virtual void CountStatistics(const ICLPChatLog& messages) = 0;
+  // Moves the statistics' start back to the earliest imported message.
+  virtual void BackdateStatistics(Date /*earliest*/) {}
 };
 
 struct RunOptions {

@@ -340,6 +340,11 @@ TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
   Result last = Tool({"import", old.string()});
   ASSERT_EQ(last.status, 0) << last.err;
   EXPECT_EQ(LibraryState(lib()), expected);
+  // The statistics start with the oldest imported chat, not on the day of
+  // the import, so the page reads forward in time.
+  std::string stats = ReadFile(lib() / "stats.html");
+  EXPECT_NE(stats.find("2005</b> <span>to</span> <b>March"), std::string::npos) << stats;
+  EXPECT_EQ(stats.find(">-"), std::string::npos) << stats;
 }
 
 }  // namespace

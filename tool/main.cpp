@@ -40,6 +40,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::string cmd = argv[1];
+  if (cmd == "--version" || cmd == "-V") {
+    std::printf("gabfolio %s\n", GABFOLIO_VERSION);
+    return 0;
+  }
   if (cmd == "--help" || cmd == "-h" || cmd == "help") {
     usage(stdout);
     return 0;

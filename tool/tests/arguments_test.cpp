@@ -17,6 +17,8 @@ TEST(Arguments, HelpAndErrors) {
     const char* text;  // help: the start of stdout; errors: held by stderr
   };
   const Case cases[] = {
+      {{"--version"}, 0, "gabfolio 0."},
+      {{"status"}, 1, "not set up yet; run 'gabfolio setup'"},
       {{"convert", "--help"}, 0, "usage: gabfolio convert FILE --to text|html [-o OUT]\n"},
       {{"convert"}, 2, "no FILE given"},
       {{"convert", "a.chat"}, 2, "--to text or --to html is required"},

@@ -177,6 +177,8 @@ inline bool HaveAiosmtpd() {
 class SmtpSink {
  public:
   explicit SmtpSink(fs::path dir) : dir_(std::move(dir)) { fs::create_directories(dir_ / "mail"); }
+  // Options of the sink for the next Start() ("--reject-rcpt", "--user", ...).
+  void SetOptions(std::vector<std::string> options) { options_ = std::move(options); }
   ~SmtpSink() { Stop(); }
 
   bool Start() {
@@ -184,6 +186,7 @@ class SmtpSink {
     if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return false;
     std::vector<std::string> argv = {
         kPython, kSink, "--out", (dir_ / "mail").string(), "--port", std::to_string(port_)};
+    argv.insert(argv.end(), options_.begin(), options_.end());
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_adddup2(&fa, in[0], 0);
@@ -230,6 +233,7 @@ class SmtpSink {
 
  private:
   fs::path dir_;
+  std::vector<std::string> options_;
   pid_t pid_ = -1;
   int stdin_ = -1;
   int port_ = 0;

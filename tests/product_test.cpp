@@ -349,3 +349,74 @@ TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
 
 }  // namespace
 }  // namespace gab::product
+
+namespace gab::product {
+namespace {
+
+// A mail the server refuses after the connection (a recipient refused, a
+// login rejected) stays pending and is sent, exactly once, by the first
+// parser run after the server takes it.
+TEST_F(ProductTest, MailRefusedAfterConnectingIsSentOnceTheServerTakesIt) {
+  if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+  struct Case {
+    const char* name;
+    std::vector<std::string> refusing;  // the sink's options while it refuses
+    std::string password;               // the password the preferences hold meanwhile
+  };
+  const Case cases[] = {
+      {"recipient refused", {"--reject-rcpt"}, ""},
+      // This server answers a bad login late: the transfer ends in our time-out.
+      {"login rejected", {"--user", "me", "--password", "right"}, "wrong"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SmtpSink sink(home() / ("sink" + std::to_string(n)));
+    sink.SetOptions(c.refusing);
+    ASSERT_TRUE(sink.Start());
+    const bool login = !c.password.empty();
+    {
+      Preferences prefs = Prefs();
+      prefs.SetAppValue("sendEmails", true);
+      prefs.SetAppValue("emailServer", std::string("127.0.0.1"));
+      prefs.SetAppValue("emailPort", int64_t(sink.port()));
+      prefs.SetAppValue("emailAddress", std::string("you@example.org"));
+      prefs.SetAppValue("emailOutgoing", std::string("me@example.org"));
+      prefs.SetAppValue("emailNeedsUsername", int64_t(login ? 1 : 0));
+      prefs.SetAppValue("emailUsername", std::string("me"));
+      prefs.SetAppValue("emailPassword", c.password);
+      prefs.SetAppValue("emailFails", int64_t(0));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    }
+    Chat chat = samples::TypicalChat("Refused" + std::to_string(n++), kMarch2005, 4, true);
+    samples::WriteChat(chats().string(), chat);
+    const std::vector<std::string> env = {"GABFOLIO_MAIL_RETRY_SECONDS=0"};
+    Result run = RunProgram({kParser, kParser}, home() / ".logs", env);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(StateOf(chat), parser::State::kMailPending) << run.err;
+    EXPECT_EQ(Prefs().Int("emailFails"), 1);
+    EXPECT_TRUE(sink.Messages().empty());
+
+    // The server takes it now: one mail, and no second on the next run.
+    sink.Stop();
+    if (login) {
+      Preferences prefs = Prefs();
+      prefs.SetAppValue("emailPassword", std::string("right"));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    } else {
+      sink.SetOptions({});
+    }
+    ASSERT_TRUE(sink.Start());
+    run = RunProgram({kParser, kParser}, home() / ".logs", env);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(StateOf(chat), parser::State::kDone) << run.err;
+    EXPECT_EQ(sink.Messages().size(), 1u);
+    EXPECT_EQ(Prefs().Int("emailFails"), 0);
+    RunProgram({kParser, kParser}, home() / ".logs", env);
+    EXPECT_EQ(sink.Messages().size(), 1u);
+    sink.Stop();
+  }
+}
+
+}  // namespace
+}  // namespace gab::product

@@ -3,7 +3,7 @@
 
 Listens on 127.0.0.1 (--port, 0 picks a free one), prints "PORT <n>" once it
 listens and keeps every message as OUT/msg-<n>.eml (the DATA as received).
---user/--password require AUTH LOGIN.  Serves until standard input closes or
+--user/--password require AUTH LOGIN; --reject-rcpt refuses every recipient.  Serves until standard input closes or
 SIGTERM, so it never outlives whoever started it.
 """
 import argparse
@@ -22,11 +22,18 @@ def main():
     p.add_argument("--user")
     p.add_argument("--password")
     p.add_argument("--no-stdin", action="store_true", help="do not stop when stdin closes")
+    p.add_argument("--reject-rcpt", action="store_true", help="answer 550 to every RCPT")
     args = p.parse_args()
     os.makedirs(args.out, exist_ok=True)
 
     class Handler:
         count = len([n for n in os.listdir(args.out) if n.endswith(".eml")])
+
+        async def handle_RCPT(self, server, session, envelope, address, rcpt_options):
+            if args.reject_rcpt:
+                return "550 5.1.1 <%s>: no such mailbox" % address
+            envelope.rcpt_tos.append(address)
+            return "250 OK"
 
         async def handle_DATA(self, server, session, envelope):
             Handler.count += 1

@@ -159,13 +159,9 @@ BinaryPlist::Value BinaryPlist::Object(uint64_t index) const {
 
 std::optional<BinaryPlist::Value> BinaryPlist::Find(const Value& dict, std::string_view key) const {
   if (dict.type != Type::kDict) return std::nullopt;
-  // Object() checked that the references lie inside the object table.
-  const auto* refs = reinterpret_cast<const uint8_t*>(dict.at);
   for (uint64_t k = 0; k < dict.count; ++k) {
-    uint64_t ref = BigEndian(refs + k * refSize_, refSize_);
-    uint64_t value = BigEndian(refs + (dict.count + k) * refSize_, refSize_);
-    if (ref >= count_) RefOutOfRange(dict, ref);
-    if (value >= count_) RefOutOfRange(dict, value);
+    uint64_t ref = Ref(dict, k);
+    Ref(dict, dict.count + k);  // the value's reference is checked with its key's
     uint64_t at = OffsetOf(ref);
     uint8_t m = data_[at++];
     if (m >> 4 == 0x5) {
@@ -191,13 +187,9 @@ void BinaryPlist::Keys(const Value& dict, Dict& out) const {
     out.more_.reset(new Dict::Key[dict.count]);
     out.keys_ = out.more_.get();
   }
-  // Object() checked that the references lie inside the object table.
-  const auto* refs = reinterpret_cast<const uint8_t*>(dict.at);
   for (uint64_t k = 0; k < dict.count; ++k) {
-    uint64_t ref = BigEndian(refs + k * refSize_, refSize_);
-    uint64_t value = BigEndian(refs + (dict.count + k) * refSize_, refSize_);
-    if (ref >= count_) RefOutOfRange(dict, ref);
-    if (value >= count_) RefOutOfRange(dict, value);
+    uint64_t ref = Ref(dict, k);
+    uint64_t value = Ref(dict, dict.count + k);
     uint64_t at = OffsetOf(ref);
     uint8_t m = data_[at++];
     if (m >> 4 != 0x5 && m >> 4 != 0x6) FailAt(dict.index, "dictionary key is not a string");

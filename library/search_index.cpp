@@ -675,22 +675,31 @@ SearchIndex::Change SearchIndex::Add(const std::string& key, int64_t size, int64
   return c;
 }
 
+int64_t SearchIndex::TranscriptId(const std::string& key) {
+  Stmt& find = st_->find;
+  int64_t id = find.Bind(1, key).Step() == SQLITE_ROW ? find.Int(0) : -1;
+  find.Reset();
+  return id;
+}
+
+void SearchIndex::ForgetContents(int64_t id) {
+  RemoveMessages(id, 0);
+  st_->deletePeople.Bind(1, id).Step();
+  st_->deletePeople.Reset();
+}
+
 void SearchIndex::AddUnreadable(const std::string& key, int64_t size, int64_t mtimeNs) {
   if (!db_) return;
   Statements& s = *st_;
   bool own = !inTransaction_;
   if (own && !Begin()) return;
-  int64_t id = -1;
-  if (s.find.Bind(1, key).Step() == SQLITE_ROW) id = s.find.Int(0);
-  s.find.Reset();
+  int64_t id = TranscriptId(key);
   if (id < 0) {
     s.insertTranscript.Bind(1, key).Bind(2, size).Bind(3, mtimeNs).Step();
     s.insertTranscript.Reset();
     id = sqlite3_last_insert_rowid(db_);
   } else {
-    RemoveMessages(id, 0);
-    s.deletePeople.Bind(1, id).Step();
-    s.deletePeople.Reset();
+    ForgetContents(id);
   }
   s.markUnreadable.Bind(1, id).Bind(2, size).Bind(3, mtimeNs).Step();
   s.markUnreadable.Reset();
@@ -702,13 +711,9 @@ void SearchIndex::Remove(const std::string& key) {
   Statements& s = *st_;
   bool own = !inTransaction_;
   if (own && !Begin()) return;
-  int64_t id = -1;
-  if (s.find.Bind(1, key).Step() == SQLITE_ROW) id = s.find.Int(0);
-  s.find.Reset();
+  int64_t id = TranscriptId(key);
   if (id >= 0) {
-    RemoveMessages(id, 0);
-    s.deletePeople.Bind(1, id).Step();
-    s.deletePeople.Reset();
+    ForgetContents(id);
     s.deleteTranscript.Bind(1, id).Step();
     s.deleteTranscript.Reset();
   }

@@ -157,6 +157,10 @@ class SearchIndex {
   Change AddInTransaction(const std::string& key, int64_t size, int64_t mtimeNs,
                           const ICLPChatLog& log);
   void RemoveMessages(int64_t transcriptId, int64_t fromPosition);
+  // The row of the transcript at `key`, -1 when it has none.
+  int64_t TranscriptId(const std::string& key);
+  // Drops the transcript's messages and people, keeping its row.
+  void ForgetContents(int64_t transcriptId);
   int64_t NameId(const std::string& name);  // added when new
   SyncSummary SyncOnce(const std::string& transcriptFolder, const SyncOptions& options,
                        bool* rebuilt);

@@ -61,7 +61,8 @@ class Run {
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
   std::unique_ptr<ICLPChatLog> Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
-  bool Flush();
+  void Flush();  // a failure is kept in summary_.saveError
+  void SaveFailed(const std::string& what, const std::string& why);
 
   // Counts of the batch not yet committed; they reach the summary with it.
   struct Added {
@@ -198,7 +199,7 @@ std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& 
 // with an fsync, and one per transcript made a first run over a big folder
 // crawl.  Each message keeps its own speaker and time, so the result is the
 // same as adding the transcripts one by one.
-bool Run::Flush() {
+void Run::Flush() {
   if (!batch_.empty()) {
     auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
     batch_.clear();
@@ -210,38 +211,35 @@ bool Run::Flush() {
   if (earliest_) library_.BackdateStatistics(*earliest_);
   lastFlush_ = std::chrono::steady_clock::now();
   std::string error;
-  if (!writes_->Commit(&error)) {
+  if (writes_->Commit(&error)) {
+    summary_.processed += added_.processed;
+    summary_.messages += added_.messages;
+    summary_.links += added_.links;
+    summary_.images += added_.images;
+    if (!options_.progress && (added_.links || added_.images))
+      NSLog("Gathered " + std::to_string(added_.links) + " links and " +
+            std::to_string(added_.images) + " images from " + std::to_string(batchTranscripts_) +
+            " transcripts");
+  } else {
     // Nothing of the batch counts as done: the record on disk still says
     // what the library holds, and a later run takes the work up again.
-    NSLog("Unable to save the library in " + options_.dataFolder + ": " + error);
-    reportError(ErrorCode::kFileSystem, u"permissions");
-    summary_.libraryWriteFailed = error;
-    summary_.recordWriteFailed = true;
-    batchTranscripts_ = 0;
-    added_ = {};
-    return false;
+    SaveFailed("Unable to save the library in " + options_.dataFolder, error);
   }
-  summary_.processed += added_.processed;
-  summary_.messages += added_.messages;
-  summary_.links += added_.links;
-  summary_.images += added_.images;
-  if (!options_.progress && (added_.links || added_.images))
-    NSLog("Gathered " + std::to_string(added_.links) + " links and " +
-          std::to_string(added_.images) + " images from " + std::to_string(batchTranscripts_) +
-          " transcripts");
   batchTranscripts_ = 0;
   added_ = {};
-  return true;
+}
+
+void Run::SaveFailed(const std::string& what, const std::string& why) {
+  NSLog(what + ": " + why);
+  reportError(ErrorCode::kFileSystem, u"permissions");
+  summary_.saveError = why;
 }
 
 RunSummary Run::Go() {
   // A run killed while applying its last batch finishes that batch first.
   std::string recovery;
   if (!RecoverWriteBatch(options_.dataFolder, &recovery)) {
-    NSLog("Unable to finish the last save of the library: " + recovery);
-    reportError(ErrorCode::kFileSystem, u"permissions");
-    summary_.libraryWriteFailed = recovery;
-    summary_.recordWriteFailed = true;
+    SaveFailed("Unable to finish the last save of the library", recovery);
     return summary_;
   }
   writes_ = std::make_unique<WriteBatch>(options_.dataFolder);
@@ -290,9 +288,8 @@ RunSummary Run::Go() {
       NSLog(std::to_string(summary_.deferred) + " transcripts are left for the next run");
       break;
     }
-    if ((batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) && !Flush())
-      break;
-    if (summary_.recordWriteFailed) break;
+    if (batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) Flush();
+    if (!summary_.saveError.empty()) break;  // here, or in the last transcript's mail commit
     auto it = record_.transcripts.find(f.key);
     if (it == record_.transcripts.end()) {
       if (!vanishedBuilt) {
@@ -319,7 +316,7 @@ RunSummary Run::Go() {
     auto log = Handle(f, e);
     if (options_.loaded) options_.loaded(f.key, f.size, f.mtimeNs, log.get());
   }
-  if (!summary_.recordWriteFailed) Flush();
+  if (summary_.saveError.empty()) Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");
   return summary_;
 }

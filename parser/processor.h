@@ -78,9 +78,10 @@ struct RunSummary {
   int64_t waiting = 0;                                          // chats still open
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   bool stopped = false;                                         // keepRunning was cleared
-  int64_t deferred = 0;            // left for the next run (time budget)
-  bool recordWriteFailed = false;  // the library or the record could not be saved
-  std::string libraryWriteFailed;  // why, when it could not
+  int64_t deferred = 0;  // left for the next run (time budget)
+  // Why the library and the record could not be saved ("" when they were);
+  // what was not saved is done again by a later run.
+  std::string saveError;
 };
 
 // Paths of the parser's files in the data folder.

@@ -89,5 +89,5 @@ int main(int argc, char** argv) {
       150.0 - std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
   sync.stop = [] { return !keepRunning; };
   index.Finish(sync);
-  return summary.recordWriteFailed ? 1 : 0;
+  return summary.saveError.empty() ? 0 : 1;
 }

@@ -180,6 +180,14 @@ void RemoveStaleTemporaryFiles(const std::string& folder) {
   closedir(dir);
 }
 
+// Applies the operations of the journal in `folder`, then removes it; a
+// journal that could not be applied whole stays.
+bool ApplyJournal(const std::string& folder, const std::vector<Op>& ops, std::string* err) {
+  if (!Apply(folder, ops, err)) return false;
+  ::unlink(JournalPath(folder).c_str());
+  return true;
+}
+
 }  // namespace
 
 struct WriteBatch::State {
@@ -203,20 +211,12 @@ WriteBatch::~WriteBatch() {
   if (g_open == state_.get()) g_open = nullptr;
 }
 
-bool WriteBatch::empty() const {
-  return state_->ops.empty();
-}
-
-void WriteBatch::Discard() {
-  state_->ops.clear();
-  state_->written.clear();
-}
-
 bool WriteBatch::Commit(std::string* err) {
   if (state_->ops.empty()) return true;
   const std::string& folder = state_->folder;
   std::vector<Op> ops = std::move(state_->ops);
-  Discard();
+  state_->ops.clear();
+  state_->written.clear();
   // The writes below must reach the disk, not this batch.
   State* open = g_open;
   if (g_open == state_.get()) g_open = nullptr;
@@ -224,10 +224,8 @@ bool WriteBatch::Commit(std::string* err) {
   bool ok = WriteFileAtomically(JournalPath(folder), Encode(ops), 0600, &why);
   if (!ok) {
     if (err) *err = "cannot write the journal: " + why;
-  } else if (Apply(folder, ops, err)) {
-    ::unlink(JournalPath(folder).c_str());
   } else {
-    ok = false;  // the journal stays for RecoverWriteBatch
+    ok = ApplyJournal(folder, ops, err);  // on failure the journal stays for recovery
   }
   g_open = open;
   return ok;
@@ -235,11 +233,12 @@ bool WriteBatch::Commit(std::string* err) {
 
 bool RecoverWriteBatch(const std::string& folder, std::string* err) {
   RemoveStaleTemporaryFiles(folder);
-  RemoveStaleTemporaryFiles(folder + "/Images");
   const std::string path = JournalPath(folder);
+  if (!FileExists(path)) return true;
+  // Only an apply that was cut short leaves temporary files among the images.
+  RemoveStaleTemporaryFiles(folder + "/Images");
   std::optional<std::string> bytes = ReadWholeFile(path);
   if (!bytes) {
-    if (errno == ENOENT || !FileExists(path)) return true;
     if (err) *err = "cannot read " + path + ": " + std::strerror(errno);
     return false;
   }
@@ -251,9 +250,7 @@ bool RecoverWriteBatch(const std::string& folder, std::string* err) {
     if (err) *err = "the journal " + path + " is damaged; kept as " + aside;
     return false;
   }
-  if (!Apply(folder, ops, err)) return false;
-  ::unlink(path.c_str());
-  return true;
+  return ApplyJournal(folder, ops, err);
 }
 
 bool HasPendingWriteBatch(const std::string& folder) {

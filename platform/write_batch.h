@@ -30,10 +30,6 @@ class WriteBatch {
   // nothing of the batch is lost (the journal, when written, is applied by
   // the next RecoverWriteBatch).
   bool Commit(std::string* err);
-  // Drops what is held.
-  void Discard();
-  // True when nothing is held.
-  bool empty() const;
 
   struct State;
 

@@ -138,11 +138,11 @@ int RunImport(int argc, char** argv) {
     std::printf("Interrupted; run 'gabfolio import' again to go on.\n");
     return 130;
   }
-  if (s.recordWriteFailed) {
+  if (!s.saveError.empty()) {
     std::fprintf(stderr,
                  "gabfolio import: could not save the library in %s: %s\n"
                  "What was not saved is imported again on the next run.\n",
-                 data.c_str(), EscapeControlCharacters(s.libraryWriteFailed).c_str());
+                 data.c_str(), EscapeControlCharacters(s.saveError).c_str());
     return kFailure;
   }
   if (s.processed) std::printf("See the library with 'gabfolio view'.\n");

@@ -62,11 +62,12 @@ std::optional<std::string> ReadRegularFile(const std::string& path, size_t limit
     return fail("the file is too large (" + std::to_string(st.st_size / (1024 * 1024)) +
                 " MiB; at most " + std::to_string(limit / (1024 * 1024)) + " MiB are read)");
   }
+  // One byte of room beyond the size tells a file that grew meanwhile
+  // without a second read or a doubled buffer.
   std::string data;
-  data.resize(size_t(st.st_size));
+  data.resize(size_t(st.st_size) + 1);
   size_t off = 0;
   for (;;) {
-    // One byte of room beyond the size tells a file that grew meanwhile.
     if (off == data.size()) {
       if (data.size() >= limit) break;
       data.resize(std::min(limit, data.size() + (1 << 16)));

@@ -6,11 +6,10 @@
 #include <limits>
 #include <map>
 #include <new>
-#include <stdexcept>
-#include <unordered_map>
+#include <optional>
 #include <vector>
 
-#include "archive/bplist_check.h"
+#include "archive/bplist.h"
 #include "archive/builtin_classes.h"
 #include "archive/decode_guard.h"
 #include "archive/serialized_wrapper.h"
@@ -23,9 +22,9 @@ namespace {
 
 constexpr int kMaxDepth = 200;
 
-struct DecodeError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+// Damage found by the plist reader and by the archive walk alike fails the
+// decode with its reason.
+using DecodeError = BinaryPlistError;
 
 [[noreturn]] void Fail(const std::string& what) {
   throw DecodeError(what);
@@ -42,68 +41,16 @@ struct ClassInfo {
   const ClassFactory* factory = nullptr;
 };
 
-std::string_view StringOf(plist_t node) {
-  uint64_t len = 0;
-  const char* s = plist_get_string_ptr(node, &len);
-  return s ? std::string_view(s, len) : std::string_view();
-}
-
-bool IsType(plist_t node, plist_type t) {
-  return node && plist_get_node_type(node) == t;
-}
-
-// A number node (integer, real or boolean) as a double.
-std::optional<double> NumberOf(plist_t node) {
-  if (!node) return std::nullopt;
-  switch (plist_get_node_type(node)) {
-    case PLIST_UINT: {
-      uint64_t v = 0;
-      plist_get_uint_val(node, &v);
-      return static_cast<double>(static_cast<int64_t>(v));
-    }
-    case PLIST_REAL: {
-      double v = 0;
-      plist_get_real_val(node, &v);
-      return v;
-    }
-    case PLIST_BOOLEAN: {
-      uint8_t v = 0;
-      plist_get_bool_val(node, &v);
-      return v ? 1.0 : 0.0;
-    }
-    default:
-      return std::nullopt;
-  }
-}
-
-std::string_view DataOf(plist_t node) {
-  uint64_t len = 0;
-  const char* d = plist_get_data_ptr(node, &len);
-  return d ? std::string_view(d, len) : std::string_view();
-}
-
-// A UID node, or an XML-style {CF$UID = n} dictionary.
-std::optional<uint64_t> UidOf(plist_t node) {
-  if (IsType(node, PLIST_UID)) {
-    uint64_t v = 0;
-    plist_get_uid_val(node, &v);
-    return v;
-  }
-  if (IsType(node, PLIST_DICT) && plist_dict_get_size(node) == 1) {
-    plist_t n = plist_dict_get_item(node, "CF$UID");
-    if (IsType(n, PLIST_UINT)) {
-      uint64_t v = 0;
-      plist_get_uint_val(n, &v);
-      return v;
-    }
-  }
-  return std::nullopt;
-}
+using Type = BinaryPlist::Type;
+using Node = BinaryPlist::Value;
+using MaybeNode = std::optional<Node>;
+using Fields = BinaryPlist::Dict;
 
 // Colour components as Apple writes them: ASCII decimals separated by
 // spaces, ended by a NUL.
 std::vector<double> ParseComponents(std::string_view text) {
   std::vector<double> out;
+  out.reserve(4);
   size_t nul = text.find('\0');
   if (nul != std::string_view::npos) text = text.substr(0, nul);
   const char* p = text.data();
@@ -120,32 +67,87 @@ std::vector<double> ParseComponents(std::string_view text) {
   return out;
 }
 
-// libplist indexes the arrays it builds but not the arrays it parses:
-// reading item k of a parsed array walks k nodes, so reading them all is
-// quadratic.  Appending one item makes libplist index the array (once,
-// linearly); the items are then read by index and kept here.
-class ArrayItems {
- public:
-  const std::vector<plist_t>& Of(plist_t array) {
-    auto [it, fresh] = cache_.try_emplace(array);
-    if (fresh) {
-      uint32_t n = plist_array_get_size(array);
-      if (n > 16) plist_array_append_item(array, plist_new_bool(0));
-      it->second.reserve(n);
-      for (uint32_t k = 0; k < n; ++k) it->second.push_back(plist_array_get_item(array, k));
-    }
-    return it->second;
-  }
+// libplist parses XML without recursing but frees (and writes) the tree it
+// built recursively, so deep nesting would overflow the stack: the nesting
+// is bounded on the text first, counting the way libplist reads it
+// (comments, processing instructions and declarations skipped) and never
+// below what libplist would build.
+constexpr int kMaxXmlDepth = 64;
 
- private:
-  std::unordered_map<plist_t, std::vector<plist_t>> cache_;
-};
+void CheckXmlNesting(std::string_view xml) {
+  std::vector<bool> open;  // true: a dictionary
+  for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+    std::string_view tag = xml.substr(at);
+    auto skipTo = [&](std::string_view end) {
+      size_t e = xml.find(end, at + 2);
+      at = e == std::string_view::npos ? xml.size() : e;
+    };
+    if (tag.starts_with("<!--")) {
+      skipTo("-->");
+    } else if (tag.starts_with("<?")) {
+      skipTo("?>");
+    } else if (tag.starts_with("<!")) {
+      char quote = 0;
+      for (at += 2; at < xml.size(); ++at) {
+        char c = xml[at];
+        if (quote) {
+          if (c == quote) quote = 0;
+        } else if (c == '"' || c == '\'') {
+          quote = c;
+        } else if (c == '[') {
+          Fail("XML property list with an internal document type subset");
+        } else if (c == '>') {
+          break;
+        }
+      }
+    } else if (tag.starts_with("</")) {
+      for (bool dict : {false, true}) {
+        std::string_view name = dict ? "</dict" : "</array";
+        if (tag.starts_with(name) && tag.size() > name.size() &&
+            (tag[name.size()] == '>' ||
+             std::isspace(static_cast<unsigned char>(tag[name.size()]))) &&
+            !open.empty() && open.back() == dict) {
+          open.pop_back();
+        }
+      }
+    } else {
+      for (bool dict : {false, true}) {
+        std::string_view name = dict ? "<dict" : "<array";
+        if (!tag.starts_with(name)) continue;
+        std::string_view rest = tag.substr(name.size());
+        if (rest.starts_with("/>") || rest.starts_with(" />")) continue;
+        open.push_back(dict);
+        if (open.size() > kMaxXmlDepth) Fail("XML property list nested too deeply");
+      }
+    }
+  }
+}
+
+// An XML archive, parsed by libplist and written out in binary form for the
+// same reader.  (iChat writes binary archives; XML ones are rare.)
+std::string XmlToBinary(std::string_view xml) {
+  CheckXmlNesting(xml);
+  PlistPtr plist = ParsePlist(xml);
+  if (!plist) Fail("not a property list with a dictionary at the top");
+  char* bin = nullptr;
+  uint32_t len = 0;
+  plist_to_bin(plist.get(), &bin, &len);
+  if (!bin) Fail("not a property list with a dictionary at the top");
+  std::string out(bin, len);
+  plist_to_bin_free(bin);
+  return out;
+}
+
+// The decode's work allowance: this much per byte of the archive, plus a
+// floor for small ones.
+constexpr uint64_t kWorkPerByte = 16;
+constexpr uint64_t kWorkFloor = 1 << 20;
 
 class Resolver;
 
 class KeyedCoder : public Coder {
  public:
-  KeyedCoder(Resolver& r, plist_t dict) : r_(r), dict_(dict) {}
+  KeyedCoder(Resolver& r, const Fields& dict) : r_(r), dict_(dict) {}
   bool AllowsKeyedCoding() const override { return true; }
   ObjectPtr DecodeObjectForKey(std::string_view key) override;
   int32_t DecodeInt32ForKey(std::string_view key) override;
@@ -157,17 +159,22 @@ class KeyedCoder : public Coder {
   std::optional<std::string> error;
 
  private:
-  plist_t Value(std::string_view key) const;
+  MaybeNode Value(std::string_view key) const;
   Resolver& r_;
-  plist_t dict_;
+  const Fields& dict_;
   int next_ = 0;
 };
 
 class Resolver {
  public:
-  Resolver(plist_t objects, const ClassSubstitutions& classes) : classes_(classes) {
-    objects_ = &items_.Of(objects);
-    count_ = static_cast<uint32_t>(objects_->size());
+  Resolver(const BinaryPlist& plist, const Node& objects, const ClassSubstitutions& classes,
+           size_t archiveSize)
+      : plist_(plist),
+        objects_(objects),
+        classes_(classes),
+        budget_(kWorkPerByte * archiveSize + kWorkFloor) {
+    if (objects.count > BinaryPlist::kMaxObjects) Fail("$objects holds too many entries");
+    count_ = objects.count;
     memo_.resize(count_);
     state_.resize(count_, 0);
   }
@@ -176,11 +183,16 @@ class Resolver {
   // being decoded (a cycle).
   ObjectPtr Decode(uint64_t uid) {
     if (uid >= count_) Fail("reference " + std::to_string(uid) + " beyond $objects");
-    if (state_[uid] == 2) return memo_[uid];
+    if (state_[uid] == 2) {
+      // Whoever shares it may copy its contents.
+      if (memo_[uid]) Spend(1 + memo_[uid]->ContentSize());
+      return memo_[uid];
+    }
+    Spend(1);
     if (state_[uid] == 1) return nullptr;
     if (++depth_ > kMaxDepth) Fail("objects nested too deeply");
     state_[uid] = 1;
-    ObjectPtr o = DecodeNode((*objects_)[uid], uid);
+    ObjectPtr o = DecodeNode(plist_.Item(objects_, uid), uid);
     memo_[uid] = o;
     state_[uid] = 2;
     --depth_;
@@ -188,81 +200,132 @@ class Resolver {
   }
 
   // The object a dictionary value refers to (a UID); null when absent.
-  ObjectPtr DecodeRef(plist_t node, const char* what) {
+  ObjectPtr DecodeRef(const MaybeNode& node, const char* what) {
     if (!node) return nullptr;
-    auto uid = UidOf(node);
+    auto uid = UidOf(*node);
     if (!uid) Fail(std::string(what) + " is not an object reference");
     return Decode(*uid);
   }
 
+  MaybeNode Get(const Fields& dict, std::string_view key) {
+    Spend(dict.size());
+    std::optional<uint64_t> ref = dict.Find(key);
+    if (!ref) return std::nullopt;
+    return plist_.Object(*ref);
+  }
+
+  // Reads a dictionary's keys, paid for.
+  void Keys(const Node& dict, Fields& out) {
+    Spend(dict.count);
+    plist_.Keys(dict, out);
+  }
+
+  // Work is metered against the archive's size: an archive whose objects
+  // or plist nodes are shared many times over cannot make the decode copy
+  // or scan far more than it holds.
+  void Spend(uint64_t units) {
+    if (units > budget_) Fail("shared references expand too much");
+    budget_ -= units;
+  }
+
+  // The contents of a string or data node, paid for.
+  std::string_view Bytes(const Node& n) {
+    Spend(n.count);
+    return n.Data();
+  }
+  std::u16string Text(const Node& n) {
+    Spend(n.count);
+    return n.Utf16();
+  }
+
+  // A UID, or an XML-style {CF$UID = n} dictionary.
+  std::optional<uint64_t> UidOf(const Node& node) {
+    if (node.Is(Type::kUid)) return node.uid;
+    if (node.Is(Type::kDict) && node.count == 1) {
+      Fields d;
+      Keys(node, d);
+      MaybeNode n = Get(d, "CF$UID");
+      if (n && n->Is(Type::kInteger)) return static_cast<uint64_t>(n->integer);
+    }
+    return std::nullopt;
+  }
+
+  // A number (integer, real or boolean) as a double.
+  static std::optional<double> NumberOf(const MaybeNode& node) {
+    if (!node) return std::nullopt;
+    switch (node->type) {
+      case Type::kInteger:
+        return static_cast<double>(node->integer);
+      case Type::kReal:
+        return node->real;
+      case Type::kBool:
+        return node->boolean ? 1.0 : 0.0;
+      default:
+        return std::nullopt;
+    }
+  }
+
  private:
-  ObjectPtr DecodeNode(plist_t node, uint64_t uid) {
-    switch (plist_get_node_type(node)) {
-      case PLIST_STRING: {
-        std::string_view s = StringOf(node);
-        if (uid == 0 && s == "$null") return nullptr;
-        return std::make_shared<String>(ToUtf16(s));
-      }
-      case PLIST_UINT:
-      case PLIST_BOOLEAN:
-      case PLIST_REAL:
+  ObjectPtr DecodeNode(const Node& node, uint64_t uid) {
+    switch (node.type) {
+      case Type::kString:
+        if (uid == 0 && node.Equals("$null")) return nullptr;
+        return std::make_shared<String>(Text(node));
+      case Type::kInteger:
+      case Type::kBool:
+      case Type::kReal:
         return ScalarNumber(node);
-      case PLIST_DATA:
-        return std::make_shared<Data>(std::string(DataOf(node)));
-      case PLIST_DATE: {
-        int32_t sec = 0, usec = 0;
-        plist_get_date_val(node, &sec, &usec);
-        return std::make_shared<DateObject>(Date{sec + usec / 1e6});
+      case Type::kData:
+        return std::make_shared<Data>(std::string(Bytes(node)));
+      case Type::kDate:
+        return std::make_shared<DateObject>(Date{node.real});
+      case Type::kDict: {
+        Fields d;
+        Keys(node, d);
+        return DecodeObjectDict(d);
       }
-      case PLIST_DICT:
-        return DecodeObjectDict(node);
       default:
         Fail("object " + std::to_string(uid) + " has an unexpected type");
     }
   }
 
-  static ObjectPtr ScalarNumber(plist_t node) {
-    switch (plist_get_node_type(node)) {
-      case PLIST_UINT: {
-        uint64_t v = 0;
-        plist_get_uint_val(node, &v);
-        return Number::Integer(static_cast<int64_t>(v));
-      }
-      case PLIST_BOOLEAN: {
-        uint8_t v = 0;
-        plist_get_bool_val(node, &v);
-        return Number::Bool(v != 0);
-      }
-      default: {
-        double v = 0;
-        plist_get_real_val(node, &v);
-        return Number::Real(v);
-      }
+  static ObjectPtr ScalarNumber(const Node& node) {
+    switch (node.type) {
+      case Type::kInteger:
+        return Number::Integer(node.integer);
+      case Type::kBool:
+        return Number::Bool(node.boolean);
+      default:
+        return Number::Real(node.real);
     }
   }
 
-  const ClassInfo& ClassOf(plist_t dict) {
-    plist_t ref = plist_dict_get_item(dict, "$class");
+  const ClassInfo& ClassOf(const Fields& dict) {
+    MaybeNode ref = Get(dict, "$class");
     if (!ref) Fail("object without $class");
-    auto uid = UidOf(ref);
+    auto uid = UidOf(*ref);
     if (!uid) Fail("$class is not a reference");
     if (*uid >= count_) Fail("$class reference beyond $objects");
     if (auto it = classInfo_.find(*uid); it != classInfo_.end()) return it->second;
-    plist_t cls = (*objects_)[*uid];
-    if (!IsType(cls, PLIST_DICT)) Fail("$class does not refer to a class record");
-    plist_t name = plist_dict_get_item(cls, "$classname");
-    if (!IsType(name, PLIST_STRING)) Fail("class record without a string $classname");
+    Node clsNode = plist_.Item(objects_, *uid);
+    if (!clsNode.Is(Type::kDict)) Fail("$class does not refer to a class record");
+    Fields cls;
+    Keys(clsNode, cls);
+    MaybeNode name = Get(cls, "$classname");
+    if (!name || !name->Is(Type::kString)) Fail("class record without a string $classname");
     ClassInfo info;
-    info.chain.emplace_back(StringOf(name));
-    if (plist_t classes = plist_dict_get_item(cls, "$classes")) {
-      if (!IsType(classes, PLIST_ARRAY)) Fail("$classes is not an array");
-      const std::vector<plist_t>& list = items_.Of(classes);
-      for (size_t k = 0; k < list.size(); ++k) {
-        plist_t c = list[k];
-        if (!IsType(c, PLIST_STRING)) Fail("$classes holds a non-string");
-        std::string_view s = StringOf(c);
+    Spend(name->count);
+    info.chain.push_back(name->Utf8());
+    if (MaybeNode classes = Get(cls, "$classes")) {
+      if (!classes->Is(Type::kArray)) Fail("$classes is not an array");
+      Spend(classes->count);
+      for (uint64_t k = 0; k < classes->count; ++k) {
+        Node c = plist_.Item(*classes, k);
+        if (!c.Is(Type::kString)) Fail("$classes holds a non-string");
+        Spend(c.count);
+        std::string s = c.Utf8();
         if (k == 0 && s == info.chain.front()) continue;
-        info.chain.emplace_back(s);
+        info.chain.push_back(std::move(s));
       }
     }
     // The first name that is substituted or built in decides.
@@ -281,7 +344,7 @@ class Resolver {
     return classInfo_.emplace(*uid, std::move(info)).first->second;
   }
 
-  ObjectPtr DecodeObjectDict(plist_t d) {
+  ObjectPtr DecodeObjectDict(const Fields& d) {
     const ClassInfo& info = ClassOf(d);
     bool isMutable = info.interpreted.starts_with("NSMutable");
     switch (info.handler) {
@@ -301,16 +364,16 @@ class Resolver {
       case Handler::kString:
         return DecodeString(d, isMutable);
       case Handler::kNumber: {
-        plist_t v = plist_dict_get_item(d, "NS.number");
-        if (!v || !NumberOf(v)) Fail("NSNumber without a value");
-        return ScalarNumber(v);
+        MaybeNode v = Get(d, "NS.number");
+        if (!NumberOf(v)) Fail("NSNumber without a value");
+        return ScalarNumber(*v);
       }
       case Handler::kArray:
         return DecodeArray(d, isMutable);
       case Handler::kDictionary:
         return DecodeDictionary(d, isMutable);
       case Handler::kDate: {
-        auto t = NumberOf(plist_dict_get_item(d, "NS.time"));
+        auto t = NumberOf(Get(d, "NS.time"));
         return std::make_shared<DateObject>(Date{t.value_or(0)});
       }
       case Handler::kData:
@@ -321,17 +384,15 @@ class Resolver {
         return DecodeAttributedString(d, isMutable);
       case Handler::kFont: {
         auto f = std::make_shared<Font>();
-        if (auto name = As<String>(DecodeRef(plist_dict_get_item(d, "NSName"), "NSName")))
-          f->name = name->value;
-        f->pointSize = NumberOf(plist_dict_get_item(d, "NSSize")).value_or(0);
+        if (auto name = As<String>(DecodeRef(Get(d, "NSName"), "NSName"))) f->name = name->value;
+        f->pointSize = NumberOf(Get(d, "NSSize")).value_or(0);
         return f;
       }
       case Handler::kColor:
         return DecodeColor(d);
       case Handler::kTextAttachment: {
         auto t = std::make_shared<TextAttachment>();
-        t->fileWrapper =
-            As<FileWrapper>(DecodeRef(plist_dict_get_item(d, "NSFileWrapper"), "NSFileWrapper"));
+        t->fileWrapper = As<FileWrapper>(DecodeRef(Get(d, "NSFileWrapper"), "NSFileWrapper"));
         return t;
       }
       case Handler::kFileWrapper:
@@ -340,76 +401,101 @@ class Resolver {
     Fail("no reader for this class");
   }
 
-  ObjectPtr DecodeString(plist_t d, bool isMutable) {
-    plist_t s = plist_dict_get_item(d, "NS.string");
-    if (IsType(s, PLIST_STRING)) return std::make_shared<String>(ToUtf16(StringOf(s)), isMutable);
-    if (s && UidOf(s)) {
+  ObjectPtr DecodeString(const Fields& d, bool isMutable) {
+    MaybeNode s = Get(d, "NS.string");
+    if (s && s->Is(Type::kString)) return std::make_shared<String>(Text(*s), isMutable);
+    if (s && UidOf(*s)) {
       auto inner = As<String>(DecodeRef(s, "NS.string"));
       if (!inner) Fail("NS.string does not refer to a string");
       return std::make_shared<String>(inner->value, isMutable);
     }
-    plist_t b = plist_dict_get_item(d, "NS.bytes");
-    if (IsType(b, PLIST_DATA)) return std::make_shared<String>(ToUtf16(DataOf(b)), isMutable);
+    MaybeNode b = Get(d, "NS.bytes");
+    if (b && b->Is(Type::kData)) return std::make_shared<String>(ToUtf16(Bytes(*b)), isMutable);
     if (s || b) Fail("string contents of the wrong type");
     return std::make_shared<String>(std::u16string(), isMutable);
   }
 
   // NS.data or NS.bytes: inline data, or a reference to a data object.
-  std::string_view DataField(plist_t d) {
-    plist_t v = plist_dict_get_item(d, "NS.data");
-    if (!v) v = plist_dict_get_item(d, "NS.bytes");
+  std::string_view DataField(const Fields& d) {
+    MaybeNode v = Get(d, "NS.data");
+    if (!v) v = Get(d, "NS.bytes");
     if (!v) return {};
-    if (IsType(v, PLIST_DATA)) return DataOf(v);
+    if (v->Is(Type::kData)) return Bytes(*v);
     auto data = As<Data>(DecodeRef(v, "NS.data"));
     if (!data) Fail("NS.data is not data");
     keep_.push_back(data);
     return data->bytes;
   }
 
-  // An array of UIDs under `key`, or nib-style `prefix`0, `prefix`1, ...
-  std::vector<ObjectPtr> RefArray(plist_t d, const char* key, const char* prefix) {
-    std::vector<ObjectPtr> out;
-    plist_t a = plist_dict_get_item(d, key);
-    if (a) {
-      if (!IsType(a, PLIST_ARRAY)) Fail(std::string(key) + " is not an array");
-      const std::vector<plist_t>& list = items_.Of(a);
-      out.reserve(list.size());
-      for (plist_t item : list) out.push_back(DecodeRef(item, key));
-      return out;
+  // The objects of an array of UIDs under `key`, or of nib-style keys
+  // `prefix`0, `prefix`1, ..., in order: reserve(n) when the count is known
+  // up front, then each(object) for every one.
+  template <class Reserve, class Each>
+  void EachRef(const Fields& d, const char* key, std::string_view prefix, Reserve&& reserve,
+               Each&& each) {
+    if (MaybeNode a = Get(d, key)) {
+      if (!a->Is(Type::kArray)) Fail(std::string(key) + " is not an array");
+      Spend(a->count);
+      reserve(a->count);
+      for (uint64_t k = 0; k < a->count; ++k) each(DecodeRef(plist_.Item(*a, k), key));
+      return;
     }
-    for (uint32_t k = 0;; ++k) {
-      plist_t v = plist_dict_get_item(d, (prefix + std::to_string(k)).c_str());
-      if (!v) break;
-      out.push_back(DecodeRef(v, prefix));
+    // One pass over the keys finds every numbered one.
+    Spend(d.size());
+    std::vector<std::optional<uint64_t>> numbered;
+    for (size_t k = 0; k < d.size(); ++k) {
+      std::string_view s = d.Name(k);
+      if (!s.starts_with(prefix)) continue;
+      s.remove_prefix(prefix.size());
+      uint64_t n = 0;
+      auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), n);
+      if (ec != std::errc() || end != s.data() + s.size() || s.empty() ||
+          (s.size() > 1 && s[0] == '0') || n >= d.size()) {
+        continue;
+      }
+      if (numbered.size() <= n) numbered.resize(n + 1);
+      if (!numbered[n]) numbered[n] = d.ValueRef(k);
     }
-    return out;
+    for (const auto& entry : numbered) {
+      if (!entry) break;
+      each(DecodeRef(plist_.Object(*entry), prefix.data()));
+    }
   }
 
-  ObjectPtr DecodeArray(plist_t d, bool isMutable) {
+  ObjectPtr DecodeArray(const Fields& d, bool isMutable) {
     auto a = std::make_shared<Array>();
     a->mutable_ = isMutable;
-    a->items = RefArray(d, "NS.objects", "NS.object.");
+    EachRef(
+        d, "NS.objects", "NS.object.", [&](uint64_t n) { a->items.reserve(n); },
+        [&](ObjectPtr o) { a->items.push_back(std::move(o)); });
     return a;
   }
 
-  ObjectPtr DecodeDictionary(plist_t d, bool isMutable) {
+  ObjectPtr DecodeDictionary(const Fields& d, bool isMutable) {
     auto out = std::make_shared<Dictionary>();
     out->mutable_ = isMutable;
-    std::vector<ObjectPtr> keys = RefArray(d, "NS.keys", "NS.key.");
-    std::vector<ObjectPtr> values = RefArray(d, "NS.objects", "NS.object.");
-    if (keys.size() != values.size()) Fail("dictionary keys and values differ in number");
-    out->entries.reserve(keys.size());
-    for (size_t k = 0; k < keys.size(); ++k)
-      out->entries.emplace_back(std::move(keys[k]), std::move(values[k]));
+    auto& entries = out->entries;
+    // All keys first, then all values, as the archiver wrote them.
+    EachRef(
+        d, "NS.keys", "NS.key.", [&](uint64_t n) { entries.reserve(n); },
+        [&](ObjectPtr key) { entries.emplace_back(std::move(key), nullptr); });
+    size_t values = 0;
+    EachRef(
+        d, "NS.objects", "NS.object.", [](uint64_t) {},
+        [&](ObjectPtr value) {
+          if (values < entries.size()) entries[values].second = std::move(value);
+          ++values;
+        });
+    if (values != entries.size()) Fail("dictionary keys and values differ in number");
     return out;
   }
 
-  ObjectPtr DecodeURL(plist_t d) {
+  ObjectPtr DecodeURL(const Fields& d) {
     auto u = std::make_shared<URL>();
-    ObjectPtr base = DecodeRef(plist_dict_get_item(d, "NS.base"), "NS.base");
+    ObjectPtr base = DecodeRef(Get(d, "NS.base"), "NS.base");
     if (base && !As<URL>(base)) Fail("URL base is not a URL");
     u->base = As<URL>(base);
-    auto rel = As<String>(DecodeRef(plist_dict_get_item(d, "NS.relative"), "NS.relative"));
+    auto rel = As<String>(DecodeRef(Get(d, "NS.relative"), "NS.relative"));
     if (!rel) Fail("URL without a string");
     u->relative = rel->value;
     return u;
@@ -427,16 +513,16 @@ class Resolver {
     return false;
   }
 
-  ObjectPtr DecodeAttributedString(plist_t d, bool isMutable) {
+  ObjectPtr DecodeAttributedString(const Fields& d, bool isMutable) {
     auto a = std::make_shared<AttributedString>();
     a->mutable_ = isMutable;
-    ObjectPtr textObj = DecodeRef(plist_dict_get_item(d, "NSString"), "NSString");
+    ObjectPtr textObj = DecodeRef(Get(d, "NSString"), "NSString");
     auto text = As<String>(textObj);
     if (textObj && !text) Fail("attributed string text is not a string");
     const std::u16string empty;
     const std::u16string& t = text ? text->value : empty;
-    ObjectPtr attrs = DecodeRef(plist_dict_get_item(d, "NSAttributes"), "NSAttributes");
-    plist_t infoNode = plist_dict_get_item(d, "NSAttributeInfo");
+    ObjectPtr attrs = DecodeRef(Get(d, "NSAttributes"), "NSAttributes");
+    MaybeNode infoNode = Get(d, "NSAttributeInfo");
     if (!infoNode) {
       // One run over the whole text (or none for empty text).
       auto dict = As<Dictionary>(attrs);
@@ -448,13 +534,15 @@ class Resolver {
     if (!list) Fail("NSAttributes is not an array of dictionaries");
     std::string_view info;
     std::shared_ptr<Data> infoData;
-    if (IsType(infoNode, PLIST_DATA)) {
-      info = DataOf(infoNode);
+    if (infoNode->Is(Type::kData)) {
+      info = Bytes(*infoNode);
     } else {
       infoData = As<Data>(DecodeRef(infoNode, "NSAttributeInfo"));
       if (!infoData) Fail("NSAttributeInfo is not data");
       info = infoData->bytes;
     }
+    a->text.reserve(t.size());
+    a->runs.reserve(std::min(info.size() / 2, t.size()));
     size_t at = 0, pos = 0;
     while (at < info.size()) {
       uint64_t length, index;
@@ -471,15 +559,16 @@ class Resolver {
     return a;
   }
 
-  ObjectPtr DecodeColor(plist_t d) {
+  ObjectPtr DecodeColor(const Fields& d) {
     auto c = std::make_shared<Color>();
     // Any number may stand here; out-of-range ones become no known space.
-    double space = NumberOf(plist_dict_get_item(d, "NSColorSpace")).value_or(0);
+    double space = NumberOf(Get(d, "NSColorSpace")).value_or(0);
     c->space = space >= 0 && space <= 1000 ? static_cast<int>(space) : 0;
     auto components = [&](const char* key) {
-      plist_t v = plist_dict_get_item(d, key);
-      if (IsType(v, PLIST_DATA)) c->components = ParseComponents(DataOf(v));
-      return IsType(v, PLIST_DATA);
+      MaybeNode v = Get(d, key);
+      bool data = v && v->Is(Type::kData);
+      if (data) c->components = ParseComponents(Bytes(*v));
+      return data;
     };
     switch (c->space) {
       case Color::kCalibratedRGB:
@@ -494,14 +583,11 @@ class Resolver {
         if (!components("NSCYMK")) components("NSComponents");
         break;
       case Color::kNamed: {
-        if (auto s =
-                As<String>(DecodeRef(plist_dict_get_item(d, "NSCatalogName"), "NSCatalogName"))) {
+        if (auto s = As<String>(DecodeRef(Get(d, "NSCatalogName"), "NSCatalogName")))
           c->catalogName = s->value;
-        }
-        if (auto s = As<String>(DecodeRef(plist_dict_get_item(d, "NSColorName"), "NSColorName"))) {
+        if (auto s = As<String>(DecodeRef(Get(d, "NSColorName"), "NSColorName")))
           c->colorName = s->value;
-        }
-        c->equivalent = As<Color>(DecodeRef(plist_dict_get_item(d, "NSColor"), "NSColor"));
+        c->equivalent = As<Color>(DecodeRef(Get(d, "NSColor"), "NSColor"));
         break;
       }
       default:
@@ -510,12 +596,12 @@ class Resolver {
     return c;
   }
 
-  ObjectPtr DecodeFileWrapper(plist_t d) {
-    plist_t v = plist_dict_get_item(d, "NSFileWrapperData");
+  ObjectPtr DecodeFileWrapper(const Fields& d) {
+    MaybeNode v = Get(d, "NSFileWrapperData");
     std::string_view bytes;
     std::shared_ptr<Data> data;
-    if (IsType(v, PLIST_DATA)) {
-      bytes = DataOf(v);
+    if (v && v->Is(Type::kData)) {
+      bytes = Bytes(*v);
     } else if (v) {
       data = As<Data>(DecodeRef(v, "NSFileWrapperData"));
       if (data) bytes = data->bytes;
@@ -527,10 +613,11 @@ class Resolver {
   }
 
   friend class KeyedCoder;
-  ArrayItems items_;
-  const std::vector<plist_t>* objects_;
+  const BinaryPlist& plist_;
+  Node objects_;
   const ClassSubstitutions& classes_;
-  uint32_t count_ = 0;
+  uint64_t count_ = 0;
+  uint64_t budget_;
   int depth_ = 0;
   std::vector<ObjectPtr> memo_;
   std::vector<uint8_t> state_;  // 0 new, 1 in progress, 2 done
@@ -538,13 +625,13 @@ class Resolver {
   std::vector<ObjectPtr> keep_;  // data objects whose bytes are viewed
 };
 
-plist_t KeyedCoder::Value(std::string_view key) const {
+MaybeNode KeyedCoder::Value(std::string_view key) const {
   // Keys beginning with '$' are stored with one more '$'.
-  std::string k =
-      key.starts_with("$") && !(key.size() > 1 && std::isdigit(static_cast<unsigned char>(key[1])))
-          ? "$" + std::string(key)
-          : std::string(key);
-  return plist_dict_get_item(dict_, k.c_str());
+  if (key.starts_with("$") &&
+      !(key.size() > 1 && std::isdigit(static_cast<unsigned char>(key[1])))) {
+    return r_.Get(dict_, "$" + std::string(key));
+  }
+  return r_.Get(dict_, key);
 }
 
 ObjectPtr KeyedCoder::DecodeObjectForKey(std::string_view key) {
@@ -558,7 +645,12 @@ ObjectPtr KeyedCoder::DecodeObjectForKey(std::string_view key) {
 }
 
 int32_t KeyedCoder::DecodeInt32ForKey(std::string_view key) {
-  auto v = NumberOf(Value(key));
+  std::optional<double> v;
+  try {
+    v = Resolver::NumberOf(Value(key));
+  } catch (const DecodeError& e) {
+    if (!error) error = e.what();
+  }
   if (!v || std::isnan(*v)) return 0;
   // Out-of-range values saturate rather than wrap.
   if (*v >= static_cast<double>(std::numeric_limits<int32_t>::max())) {
@@ -578,21 +670,23 @@ DecodeResult DecodeKeyedArchive(std::string_view bytes, const ClassSubstitutions
   DecodeResult result;
   result.error = archive_detail::Guarded<DecodeError>("keyed archive", [&] {
     if (bytes.size() > std::numeric_limits<uint32_t>::max()) Fail("file too large");
-    if (bytes.starts_with("bplist")) {
-      if (std::string err = CheckBinaryPlist(bytes); !err.empty()) Fail(err);
+    std::string converted;
+    if (!bytes.starts_with("bplist")) {
+      converted = XmlToBinary(bytes);
+      bytes = converted;
     }
-    PlistPtr plist = ParsePlist(bytes);
-    plist_t root = plist.get();
-    if (!IsType(root, PLIST_DICT)) Fail("not a property list with a dictionary at the top");
-    plist_t top = plist_dict_get_item(root, "$top");
-    if (!IsType(top, PLIST_DICT)) Fail("$top is missing or not a dictionary");
-    plist_t objects = plist_dict_get_item(root, "$objects");
-    if (!IsType(objects, PLIST_ARRAY)) Fail("$objects is missing or not an array");
-    plist_t rootRef = plist_dict_get_item(top, std::string(topKey).c_str());
+    BinaryPlist plist(bytes);
+    Node root = plist.Object(plist.top());
+    if (!root.Is(Type::kDict)) Fail("not a property list with a dictionary at the top");
+    MaybeNode top = plist.Find(root, "$top");
+    if (!top || !top->Is(Type::kDict)) Fail("$top is missing or not a dictionary");
+    MaybeNode objects = plist.Find(root, "$objects");
+    if (!objects || !objects->Is(Type::kArray)) Fail("$objects is missing or not an array");
+    MaybeNode rootRef = plist.Find(*top, topKey);
     if (!rootRef) Fail("$top has no \"" + std::string(topKey) + "\"");
-    auto uid = UidOf(rootRef);
+    Resolver r(plist, *objects, classes, bytes.size());
+    auto uid = r.UidOf(*rootRef);
     if (!uid) Fail("$top's \"" + std::string(topKey) + "\" is not a reference");
-    Resolver r(objects, classes);
     result.root = r.Decode(*uid);
   });
   if (!result.ok()) result.root = nullptr;

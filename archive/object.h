@@ -25,6 +25,8 @@ class Object {
   virtual std::string ClassName() const = 0;
   // The platform's description, as NSArray's description would print it.
   virtual std::u16string Description() const;
+  // The characters or bytes it holds: what a user of a shared object may copy.
+  virtual size_t ContentSize() const { return 0; }
 };
 
 // Downcast helper: nullptr when the object is of another kind.
@@ -39,6 +41,7 @@ class String : public Object {
       : value(std::move(v)), mutable_(isMutable) {}
   std::string ClassName() const override { return mutable_ ? "NSMutableString" : "NSString"; }
   std::u16string Description() const override { return value; }
+  size_t ContentSize() const override { return value.size(); }
   std::u16string value;
   bool mutable_ = false;
 };
@@ -73,6 +76,7 @@ class Data : public Object {
       : bytes(std::move(b)), mutable_(isMutable) {}
   std::string ClassName() const override { return mutable_ ? "NSMutableData" : "NSData"; }
   std::u16string Description() const override;  // <0a0b0c0d ...>
+  size_t ContentSize() const override { return bytes.size(); }
   std::string bytes;
   bool mutable_ = false;
 };
@@ -171,6 +175,7 @@ class AttributedString : public Object {
     return mutable_ ? "NSMutableAttributedString" : "NSAttributedString";
   }
   std::u16string Description() const override;
+  size_t ContentSize() const override { return text.size(); }
 
   size_t Length() const { return text.size(); }
   // The attribute value at a character index, or null.

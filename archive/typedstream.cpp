@@ -1,7 +1,6 @@
 #include "archive/typedstream.h"
 
 #include <cstring>
-#include <deque>
 #include <new>
 #include <stdexcept>
 #include <vector>
@@ -14,6 +13,18 @@
 namespace gab {
 
 namespace {
+
+// Archived text is mostly ASCII: widened directly; anything else goes
+// through the UTF-8 decoder.
+std::u16string TextOf(std::string_view utf8) {
+  std::u16string out(utf8.size(), u'\0');
+  for (size_t k = 0; k < utf8.size(); ++k) {
+    auto c = static_cast<unsigned char>(utf8[k]);
+    if (c >= 0x80) return ToUtf16(utf8);
+    out[k] = c;
+  }
+  return out;
+}
 
 // Head bytes (read as signed chars they are -128..-111).
 constexpr uint8_t kInt16 = 0x81;
@@ -354,7 +365,7 @@ class Reader {
     return first;
   }
 
-  const std::string& ClassName(size_t cls) const { return strings_[table_[cls].name]; }
+  std::string_view ClassName(size_t cls) const { return strings_[table_[cls].name]; }
 
   // Decides once per class which handler reads its objects: the first class
   // in the chain that is substituted or built in.
@@ -362,7 +373,7 @@ class Reader {
     Entry& e = table_[cls];
     e.handler = Handler::kOpaque;
     for (int32_t c = static_cast<int32_t>(cls); c >= 0; c = table_[c].super) {
-      const std::string& name = ClassName(static_cast<size_t>(c));
+      std::string_view name = ClassName(static_cast<size_t>(c));
       if (auto it = classes_.find(name); it != classes_.end()) {
         e.handler = Handler::kFactory;
         e.factory = &it->second;
@@ -404,7 +415,7 @@ class Reader {
   ObjectPtr ReadOpaque(size_t cls) {
     auto o = std::make_shared<OpaqueObject>();
     for (int32_t c = static_cast<int32_t>(cls); c >= 0; c = table_[c].super) {
-      o->classChain.push_back(ClassName(static_cast<size_t>(c)));
+      o->classChain.emplace_back(ClassName(static_cast<size_t>(c)));
     }
     SkipToEndMarkerless();
     return o;
@@ -414,7 +425,7 @@ class Reader {
     SequentialCoder coder(*this);
     ObjectPtr obj = factory(coder);
     if (coder.error) throw DecodeError(*coder.error);
-    if (!obj) Fail("class " + ClassName(cls) + " could not be decoded");
+    if (!obj) Fail("class " + std::string(ClassName(cls)) + " could not be decoded");
     SkipToEndMarkerless();
     return obj;
   }
@@ -525,7 +536,7 @@ class Reader {
         ++i;
         int32_t cls = ReadClassChain();
         if (out)
-          out->push_back(cls < 0 ? nullptr : std::make_shared<String>(ToUtf16(ClassName(cls))));
+          out->push_back(cls < 0 ? nullptr : std::make_shared<String>(TextOf(ClassName(cls))));
         return;
       }
       case 'c':
@@ -554,7 +565,7 @@ class Reader {
       case '+': {
         ++i;
         auto s = ReadUnshared();
-        if (out) out->push_back(s ? std::make_shared<String>(ToUtf16(*s)) : nullptr);
+        if (out) out->push_back(s ? std::make_shared<String>(TextOf(*s)) : nullptr);
         return;
       }
       case '*':
@@ -562,7 +573,7 @@ class Reader {
       case ':': {
         ++i;
         int64_t s = c == '*' ? ReadCString() : ReadSharedString();
-        if (out) out->push_back(s < 0 ? nullptr : std::make_shared<String>(ToUtf16(strings_[s])));
+        if (out) out->push_back(s < 0 ? nullptr : std::make_shared<String>(TextOf(strings_[s])));
         return;
       }
       case '!':
@@ -639,7 +650,7 @@ class Reader {
   std::shared_ptr<String> ReadStringContents(bool isMutable) {
     Expect("+", "a string's text");
     auto s = ReadUnshared();
-    return std::make_shared<String>(s ? ToUtf16(*s) : std::u16string(), isMutable);
+    return std::make_shared<String>(s ? TextOf(*s) : std::u16string(), isMutable);
   }
 
   // NSData's "data object": a length and the raw bytes.
@@ -659,7 +670,7 @@ class Reader {
     Expect("*", "a value's type");
     int64_t typeIndex = ReadCString();
     if (typeIndex < 0) Fail("value without a type");
-    std::string code = strings_[typeIndex];
+    std::string code(strings_[typeIndex]);
     Expect(code, "a value");
     std::vector<ObjectPtr> values;
     ReadValues(code, &values);
@@ -826,7 +837,7 @@ class Reader {
   const ClassSubstitutions& classes_;
   bool big_ = false;
   int depth_ = 0;
-  std::deque<std::string> strings_;
+  std::vector<std::string_view> strings_;  // views of the archive
   std::vector<Entry> table_;
 };
 

@@ -8,8 +8,8 @@
 
 #include "archive/keyed.h"
 #include "archive/testing/fixture_writer.h"
-#include "bench/large_transcript.h"
 #include "archive/typedstream.h"
+#include "bench/large_transcript.h"
 #include "transcript/instant_message.h"
 #include "transcript/presentity.h"
 
@@ -31,10 +31,9 @@ const std::string& Archive(Format f, int messages) {
   auto key = std::make_pair(static_cast<int>(f), messages);
   auto it = cache.find(key);
   if (it == cache.end()) {
-    it = cache
-             .emplace(key,
-                      gab::fixtures::WriteTranscript(gab::bench::LargeTranscript(messages), f))
-             .first;
+    it =
+        cache.emplace(key, gab::fixtures::WriteTranscript(gab::bench::LargeTranscript(messages), f))
+            .first;
   }
   return it->second;
 }

@@ -127,7 +127,7 @@ void BuildGallery(const std::vector<SpeakerImages>& speakers) {
     }
     images += kSectionClosing;
     ReplaceAll(page, "____IMAGES", images);
-    WriteIntoDataFolder("", kAllPage, page);
+    WriteLibraryPage(kAllPage, page);
   }
   CopyNewestImages(newest);
 }

@@ -130,7 +130,7 @@ void BuildLinkPages(const std::vector<SpeakerLinks>& speakers) {
   }
   assembled += "</ul>";
   ReplaceAll(page, "____LINKS", assembled);
-  WriteIntoDataFolder("", kAllPage, page);
+  WriteLibraryPage(kAllPage, page);
 }
 
 }  // namespace

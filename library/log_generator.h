@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/dates.h"
+
 namespace gab {
 
 class ICLPChatLog;
@@ -19,6 +21,10 @@ void GenerateImageFiles(const ICLPChatLog* transcript);
 // Adds the chat to the running statistics and rebuilds their page
 // (statistics.cpp).
 void UpdateStatistics(const ICLPChatLog* transcript);
+// Moves the statistics' start back to `earliest` when it lies later (an
+// import of older chats), and rebuilds their page; a missing store is left
+// missing.
+void BackdateStatistics(Date earliest);
 
 // A link as listed on a page: long ones shortened in the middle.
 std::u16string CompressedLinkForList(std::u16string_view link);

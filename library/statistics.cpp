@@ -9,6 +9,7 @@
 
 #include "library/gathering.h"
 #include "library/log_generator.h"
+#include "platform/contacts.h"
 #include "platform/data_folder.h"
 #include "platform/files.h"
 #include "platform/home.h"
@@ -105,6 +106,7 @@ std::string FillStatisticsTemplate(std::string page, const StatisticsTotals& t) 
 }
 
 void UpdateStatistics(const ICLPChatLog* transcript) {
+  Contacts::Hold contacts;
   const std::string folder = DataFolder();
   const std::string storePath = folder + "/" + kStoreName;
   const Date now = Date::Now();
@@ -142,7 +144,19 @@ void UpdateStatistics(const ICLPChatLog* transcript) {
 
   std::optional<std::string> page = ReadWholeFile(folder + "/" + kTemplateName);
   if (!page) return;
-  WriteIntoDataFolder("", kPageName, FillStatisticsTemplate(std::move(*page), totals));
+  WriteLibraryPage(kPageName, FillStatisticsTemplate(std::move(*page), totals));
+}
+
+void BackdateStatistics(Date earliest) {
+  const std::string folder = DataFolder();
+  const std::string storePath = folder + "/" + kStoreName;
+  std::optional<StatisticsTotals> totals = StoredStatisticsTotals(storePath);
+  if (!totals || (totals->start && totals->start->time <= earliest.time)) return;
+  totals->start = earliest;
+  PlistPtr store = StatisticsStore(*totals);
+  WriteStoreIntoDataFolder(kStoreName, PlistToXml(store.get()));
+  std::optional<std::string> page = ReadWholeFile(folder + "/" + kTemplateName);
+  if (page) WriteLibraryPage(kPageName, FillStatisticsTemplate(std::move(*page), *totals));
 }
 
 }  // namespace gab

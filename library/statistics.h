@@ -43,6 +43,10 @@ struct StatisticsTotals {
 StatisticsTotals LoadStatisticsTotals(const std::string& storePath, const std::string& dataFolder,
                                       Date now);
 
+// The totals exactly as stored (no chat added, the stored end date);
+// nothing when the store is missing or not a dictionary.
+std::optional<StatisticsTotals> StoredStatisticsTotals(const std::string& storePath);
+
 // A word list ("curses.plist", "netspeak.plist"): an array of strings.
 // Nothing when the file is missing or is not such a list.
 std::optional<WordSet> LoadWordList(const std::string& path);

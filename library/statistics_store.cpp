@@ -105,18 +105,12 @@ std::optional<Date> FolderCreationDate(const std::string& path) {
   return std::min(date(old.st_mtim), date(old.st_ctim));
 }
 
-StatisticsTotals LoadStatisticsTotals(const std::string& storePath, const std::string& dataFolder,
-                                      Date now) {
-  StatisticsTotals totals;
-  if (!FileExists(storePath)) {
-    totals.chats = 1;
-    totals.start = now;
-    return totals;
-  }
-  // A store that cannot be read or parsed counts as one without keys.
-  PlistPtr store = ReadPlistFile(storePath);
-  plist_t dict = store && plist_get_node_type(store.get()) == PLIST_DICT ? store.get() : nullptr;
+namespace {
+
+// The counts and start date as the store holds them (a null store: none).
+StatisticsTotals StoredTotals(plist_t dict) {
   auto get = [dict](const char* key) { return dict ? plist_dict_get_item(dict, key) : nullptr; };
+  StatisticsTotals totals;
   totals.userWords = IntValue(get("usertextcount"));
   totals.otherWords = IntValue(get("othertextcount"));
   totals.userCurses = IntValue(get("cursecount"));
@@ -125,10 +119,39 @@ StatisticsTotals LoadStatisticsTotals(const std::string& storePath, const std::s
   totals.otherSlang = IntValue(get("othernetspeakcount"));
   totals.images = IntValue(get("imagecount"));
   totals.links = IntValue(get("linkcount"));
-  totals.chats = Wrapped(IntValue(get("chatcount")), 1);
+  totals.chats = IntValue(get("chatcount"));
   totals.start = DateValue(get("startDate"));
+  return totals;
+}
+
+plist_t AsDictionary(const PlistPtr& store) {
+  return store && plist_get_node_type(store.get()) == PLIST_DICT ? store.get() : nullptr;
+}
+
+}  // namespace
+
+StatisticsTotals LoadStatisticsTotals(const std::string& storePath, const std::string& dataFolder,
+                                      Date now) {
+  if (!FileExists(storePath)) {
+    StatisticsTotals totals;
+    totals.chats = 1;
+    totals.start = now;
+    return totals;
+  }
+  // A store that cannot be read or parsed counts as one without keys.
+  StatisticsTotals totals = StoredTotals(AsDictionary(ReadPlistFile(storePath)));
+  totals.chats = Wrapped(totals.chats, 1);
   if (!totals.start) totals.start = FolderCreationDate(dataFolder);
   // The stored "endDate" belongs to the previous chat; this run sets its own.
+  return totals;
+}
+
+std::optional<StatisticsTotals> StoredStatisticsTotals(const std::string& storePath) {
+  PlistPtr store = ReadPlistFile(storePath);
+  plist_t dict = AsDictionary(store);
+  if (!dict) return std::nullopt;
+  StatisticsTotals totals = StoredTotals(dict);
+  totals.end = DateValue(plist_dict_get_item(dict, "endDate"));
   return totals;
 }
 

@@ -66,6 +66,15 @@ int CompareMonthLabels(std::u16string_view a, std::u16string_view b) {
   return x < y ? kOrderedAscending : x > y ? kOrderedDescending : kOrderedSame;
 }
 
+// Text as a store holds it: a property-list string ends at a NUL, so a NUL
+// inside a name or link becomes U+FFFD and two names stay two.
+std::string StoreText(std::u16string_view text) {
+  std::u16string copy(text);
+  for (char16_t& c : copy)
+    if (c == 0) c = 0xFFFD;
+  return ToUtf8(copy);
+}
+
 plist_t NewDate(Date d) {
   double sec = std::floor(d.time);
   sec = std::clamp(sec, double(INT32_MIN), double(INT32_MAX));
@@ -76,7 +85,7 @@ plist_t NewDate(Date d) {
 plist_t ListForSpeaker(plist_t store, std::u16string_view speaker, const char* listKey) {
   if (plist_t list = FindSpeakerList(speaker, store, listKey)) return list;
   plist_t record = plist_new_dict();
-  plist_dict_set_item(record, "speaker", plist_new_string(ToUtf8(speaker).c_str()));
+  plist_dict_set_item(record, "speaker", plist_new_string(StoreText(speaker).c_str()));
   plist_dict_set_item(record, listKey, plist_new_array());
   plist_array_append_item(store, record);
   return plist_dict_get_item(record, listKey);
@@ -114,7 +123,7 @@ int compareImageDateString(std::u16string_view a, std::u16string_view b) {
 
 plist_t FindSpeakerList(std::u16string_view speaker, plist_t store, const char* listKey) {
   if (!store || plist_get_node_type(store) != PLIST_ARRAY) return nullptr;
-  std::string name = ToUtf8(speaker);
+  std::string name = StoreText(speaker);
   plist_t found = nullptr;
   ForEachItem(store, [&](plist_t record) {
     if (found || plist_get_node_type(record) != PLIST_DICT) return;
@@ -163,7 +172,7 @@ void MergeLinkEntries(plist_t store, const std::vector<LinkEntry>& entries) {
     for (const auto& url : entry.urls) {
       plist_t record = plist_new_dict();
       plist_dict_set_item(record, "date", NewDate(*entry.time));
-      plist_dict_set_item(record, "linkurl", plist_new_string(ToUtf8(url).c_str()));
+      plist_dict_set_item(record, "linkurl", plist_new_string(StoreText(url).c_str()));
       plist_array_append_item(list, record);
     }
   }
@@ -186,7 +195,7 @@ void MergeImageEntries(plist_t store, const std::vector<ImageEntry>& entries) {
         name = DeletingPathExtension(pf) + u"-" + entry.speaker + u"-" + time + u"." +
                PathExtension(pf);
       }
-      std::string name8 = ToUtf8(name);
+      std::string name8 = StoreText(name);
       if (wrapper->IsRegularFile()) WriteIntoDataFolder("Images", name8, wrapper->contents);
       plist_t record = plist_new_dict();
       plist_dict_set_item(record, "date", NewDate(*entry.time));

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace gab {
 
@@ -29,11 +31,28 @@ struct LibraryFile {
 // no "." or ".." components, no symbolic links, regular files only.
 LibraryFile ResolveLibraryRequest(const std::string& folder, std::string_view rawTarget);
 
+// A page made on request.
+struct ViewerReply {
+  int status = 200;
+  std::string contentType = "text/html; charset=utf-8";
+  std::string body;
+  std::vector<std::pair<std::string, std::string>> headers;  // beside the usual ones
+};
+
+// Pages the viewer makes on request beside the library's files (reading and
+// search); called from several server threads at once.
+class ViewerPages {
+ public:
+  virtual ~ViewerPages() = default;
+  // True when `path` (as requested, without query) is one of these pages.
+  virtual bool Serve(std::string_view path, std::string_view query, ViewerReply& reply) = 0;
+};
+
 // A running viewer; stops when destroyed.
 class LibraryViewer {
  public:
   // Binds 127.0.0.1:`port` (0 picks a free port).  Throws nothing: check ok().
-  LibraryViewer(std::string folder, uint16_t port);
+  LibraryViewer(std::string folder, uint16_t port, std::shared_ptr<ViewerPages> pages = nullptr);
   ~LibraryViewer();
   bool ok() const { return error_.empty(); }
   const std::string& error() const { return error_; }

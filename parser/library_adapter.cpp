@@ -55,6 +55,10 @@ void TranscriptLibrary::CountStatistics(const ICLPChatLog& messages) {
   UpdateStatistics(&messages);
 }
 
+void TranscriptLibrary::BackdateStatistics(Date earliest) {
+  gab::BackdateStatistics(earliest);
+}
+
 void NoteMailOutcome(Preferences& prefs, bool sent) {
   prefs.AppSynchronize();
   int32_t fails = prefs.Int("emailFails");

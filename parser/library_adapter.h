@@ -20,6 +20,7 @@ class TranscriptLibrary : public Library {
   int64_t GatherLinks(const ICLPChatLog& messages, const std::string& textLog) override;
   int64_t GatherImages(const ICLPChatLog& messages, const std::string& textLog) override;
   void CountStatistics(const ICLPChatLog& messages) override;
+  void BackdateStatistics(Date earliest) override;
 
  private:
   Preferences& prefs_;

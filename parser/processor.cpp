@@ -5,8 +5,11 @@
 #include <map>
 #include <unordered_map>
 
-#include "parser/scan.h"
+#include "platform/contacts.h"
 #include "platform/log.h"
+#include "platform/report_error.h"
+#include "platform/transcript_files.h"
+#include "platform/write_batch.h"
 #include "transcript/chat_log.h"
 #include "transcript/process_flags.h"
 
@@ -57,9 +60,15 @@ class Run {
  private:
   int64_t Now() const { return options_.now ? options_.now() : SystemNow(); }
   bool NeedsWork(const FoundTranscript& f, const RecordEntry* e) const;
-  void Handle(const FoundTranscript& f, RecordEntry& e);
+  std::unique_ptr<ICLPChatLog> Handle(const FoundTranscript& f, RecordEntry& e);
   void Save();
-  void Flush();
+  void Flush();  // a failure is kept in summary_.saveError
+  void SaveFailed(const std::string& what, const std::string& why);
+
+  // Counts of the batch not yet committed; they reach the summary with it.
+  struct Added {
+    int64_t processed = 0, messages = 0, links = 0, images = 0;
+  };
 
   Library& library_;
   const RunOptions& options_;
@@ -69,6 +78,14 @@ class Run {
   std::vector<std::shared_ptr<ICLPInstantMessage>> batch_;  // new messages not yet gathered
   size_t batchTranscripts_ = 0;
   std::chrono::steady_clock::time_point lastFlush_ = std::chrono::steady_clock::now();
+  Added added_;
+  // An import's earliest counted message: the statistics start no later.
+  std::optional<Date> earliest_;
+  // Every write into the data folder (stores, pages, logs, images, the
+  // record) is held here until the batch commits, so a run killed at any
+  // moment leaves the library and the record as they were after the last
+  // commit, and the next run does the rest exactly once.
+  std::unique_ptr<WriteBatch> writes_;
 };
 
 bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
@@ -86,15 +103,14 @@ bool Run::NeedsWork(const FoundTranscript& f, const RecordEntry* e) const {
   return false;
 }
 
+// Held by the batch with the library's writes; see Flush.
 void Run::Save() {
-  std::string error;
-  if (!SaveRecord(recordPath_, record_, &error)) {
-    if (!summary_.recordWriteFailed) NSLog("Unable to write " + recordPath_ + ": " + error);
-    summary_.recordWriteFailed = true;
-  }
+  SaveRecord(recordPath_, record_);
 }
 
-void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+// Returns the transcript when it loaded.
+std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+  Contacts::Hold contacts;
   const std::string full = options_.transcriptFolder + "/" + f.relativePath;
   e.size = f.size;
   e.mtimeNs = f.mtimeNs;
@@ -108,7 +124,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = reason;
     summary_.unreadable.emplace_back(f.relativePath, reason);
     Save();
-    return;
+    return nullptr;
   }
 
   if (!options_.importing && !library_.ChatHasEnded(*log)) {
@@ -116,7 +132,7 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     e.reason = "the chat is still open";
     ++summary_.waiting;
     Save();
-    return;
+    return log;
   }
 
   const auto& messages = log->Messages();
@@ -150,26 +166,34 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
     }
   }
 
-  // The record says "handled" before the library is touched: a run killed
-  // half-way leaves a transcript's additions incomplete, never doubled.
+  // The record's "handled" and the library's additions commit together.
   e.handled = count;
   e.state = mailPending ? State::kMailPending : State::kDone;
   if (!mailPending) e.reason.clear();
   Save();
 
-  if (!hasNew) return;
-  std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
-  batch_.insert(batch_.end(), fresh.begin(), fresh.end());
-  ++batchTranscripts_;
-  auto part =
-      ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
-  library_.CountStatistics(*part);
-
-  ++summary_.processed;
-  summary_.messages += count - from;
-  if (!options_.progress)
-    NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
-          (mailNow && !mailPending ? ", mailed" : ""));
+  if (hasNew) {
+    std::vector<std::shared_ptr<ICLPInstantMessage>> fresh(messages.begin() + from, messages.end());
+    batch_.insert(batch_.end(), fresh.begin(), fresh.end());
+    ++batchTranscripts_;
+    auto part =
+        ICLPChatLog::FromParts(log->primaryOtherParty(), std::move(fresh), log->Participants());
+    library_.CountStatistics(*part);
+    if (options_.importing)
+      for (const auto& m : part->Messages())
+        if (auto t = m ? m->TimeStamp() : std::nullopt;
+            t && (!earliest_ || t->time < earliest_->time))
+          earliest_ = t;
+    ++added_.processed;
+    added_.messages += count - from;
+    if (!options_.progress)
+      NSLog("Processed " + f.relativePath + ": " + std::to_string(count - from) + " new messages" +
+            (mailNow && !mailPending ? ", mailed" : ""));
+  }
+  // A mail's outcome is committed at once, so a kill after the server took
+  // the mail does not send it again.
+  if (mailNow) Flush();
+  return log;
 }
 
 // Links and images go into the stores, pages and text logs for many
@@ -178,23 +202,49 @@ void Run::Handle(const FoundTranscript& f, RecordEntry& e) {
 // crawl.  Each message keeps its own speaker and time, so the result is the
 // same as adding the transcripts one by one.
 void Run::Flush() {
-  if (batch_.empty()) return;
-  auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
-  batch_.clear();
-  int64_t links = 0, images = 0;
-  if (options_.handleURLs) links = library_.GatherLinks(*all, options_.dataFolder + "/links.txt");
-  if (options_.handleImages)
-    images = library_.GatherImages(*all, options_.dataFolder + "/images.txt");
-  summary_.links += links;
-  summary_.images += images;
-  if (!options_.progress && (links || images))
-    NSLog("Gathered " + std::to_string(links) + " links and " + std::to_string(images) +
-          " images from " + std::to_string(batchTranscripts_) + " transcripts");
-  batchTranscripts_ = 0;
+  if (!batch_.empty()) {
+    auto all = ICLPChatLog::FromParts(u"", std::move(batch_));
+    batch_.clear();
+    if (options_.handleURLs)
+      added_.links += library_.GatherLinks(*all, options_.dataFolder + "/links.txt");
+    if (options_.handleImages)
+      added_.images += library_.GatherImages(*all, options_.dataFolder + "/images.txt");
+  }
+  if (earliest_) library_.BackdateStatistics(*earliest_);
   lastFlush_ = std::chrono::steady_clock::now();
+  std::string error;
+  if (writes_->Commit(&error)) {
+    summary_.processed += added_.processed;
+    summary_.messages += added_.messages;
+    summary_.links += added_.links;
+    summary_.images += added_.images;
+    if (!options_.progress && (added_.links || added_.images))
+      NSLog("Gathered " + std::to_string(added_.links) + " links and " +
+            std::to_string(added_.images) + " images from " + std::to_string(batchTranscripts_) +
+            " transcripts");
+  } else {
+    // Nothing of the batch counts as done: the record on disk still says
+    // what the library holds, and a later run takes the work up again.
+    SaveFailed("Unable to save the library in " + options_.dataFolder, error);
+  }
+  batchTranscripts_ = 0;
+  added_ = {};
+}
+
+void Run::SaveFailed(const std::string& what, const std::string& why) {
+  NSLog(what + ": " + why);
+  reportError(ErrorCode::kFileSystem, u"permissions");
+  summary_.saveError = why;
 }
 
 RunSummary Run::Go() {
+  // A run killed while applying its last batch finishes that batch first.
+  std::string recovery;
+  if (!RecoverWriteBatch(options_.dataFolder, &recovery)) {
+    SaveFailed("Unable to finish the last save of the library", recovery);
+    return summary_;
+  }
+  writes_ = std::make_unique<WriteBatch>(options_.dataFolder);
   bool damaged = false;
   record_ = LoadRecord(recordPath_, &damaged);
   if (damaged) {
@@ -241,6 +291,7 @@ RunSummary Run::Go() {
       break;
     }
     if (batchTranscripts_ >= kBatchTranscripts || now - lastFlush_ > kBatchTime) Flush();
+    if (!summary_.saveError.empty()) break;  // here, or in the last transcript's mail commit
     auto it = record_.transcripts.find(f.key);
     if (it == record_.transcripts.end()) {
       if (!vanishedBuilt) {
@@ -264,9 +315,10 @@ RunSummary Run::Go() {
       it = record_.transcripts.emplace(f.key, fresh).first;
     }
     RecordEntry& e = it->second;
-    Handle(f, e);
+    auto log = Handle(f, e);
+    if (options_.loaded) options_.loaded(f.key, f.size, f.mtimeNs, log.get());
   }
-  Flush();
+  if (summary_.saveError.empty()) Flush();
   if (options_.progress) options_.progress(work.size(), work.size(), "");
   return summary_;
 }

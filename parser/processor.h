@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "parser/record.h"
+#include "platform/dates.h"
 
 namespace gab {
 class ICLPChatLog;
@@ -34,6 +35,8 @@ class Library {
   virtual int64_t GatherLinks(const ICLPChatLog& messages, const std::string& textLog) = 0;
   virtual int64_t GatherImages(const ICLPChatLog& messages, const std::string& textLog) = 0;
   virtual void CountStatistics(const ICLPChatLog& messages) = 0;
+  // Moves the statistics' start back to the earliest imported message.
+  virtual void BackdateStatistics(Date /*earliest*/) {}
 };
 
 struct RunOptions {
@@ -57,6 +60,10 @@ struct RunOptions {
   double timeBudgetSeconds = 0;
   // Called before each transcript that needs work (index, count, path).
   std::function<void(size_t, size_t, const std::string&)> progress;
+  // Called with each transcript the run read, after its work on it (record
+  // key, size and mtime as found; null when it did not load): the search
+  // index follows here.
+  std::function<void(const std::string&, int64_t, int64_t, const ICLPChatLog*)> loaded;
 };
 
 struct RunSummary {
@@ -72,17 +79,19 @@ struct RunSummary {
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
   bool stopped = false;                                         // keepRunning was cleared
   int64_t deferred = 0;  // left for the next run (time budget)
-  bool recordWriteFailed = false;
+  // Why the library and the record could not be saved ("" when they were);
+  // what was not saved is done again by a later run.
+  std::string saveError;
 };
 
 // Paths of the parser's files in the data folder.
 std::string RecordPath(const std::string& dataFolder);
 std::string LockPath(const std::string& dataFolder);
 
-// One run; the caller holds the lock.  The record is saved after every
-// transcript that changed it, before the library is touched, so a run cut
-// short never counts a message twice (a run killed outright loses the links
-// and images of the batch in hand).
+// One run; the caller holds the lock.  The record and the library's stores,
+// pages and logs are committed together, batch by batch, so a run cut short
+// at any moment neither loses nor doubles anything: the next run goes on
+// from the last commit.
 RunSummary ProcessTranscripts(Library& library, const RunOptions& options);
 
 }  // namespace gab::parser

@@ -1,12 +1,15 @@
 #include "parser/quick_check.h"
 
 #include "parser/record.h"
-#include "parser/scan.h"
+#include "platform/transcript_files.h"
+#include "platform/write_batch.h"
 
 namespace gab::parser {
 
 bool RunHasWork(const std::string& transcriptFolder, const std::string& dataFolder,
                 int64_t nowSeconds) {
+  // A save the last run could not finish is finished by the worker.
+  if (HasPendingWriteBatch(dataFolder)) return true;
   bool damaged = false;
   Record record = LoadRecord(dataFolder + "/processed.plist", &damaged);
   if (damaged) return true;

@@ -4,11 +4,13 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "library/search_index.h"
 #include "parser/library_adapter.h"
 #include "parser/processor.h"
 #include "parser/run_lock.h"
@@ -71,7 +73,21 @@ int main(int argc, char** argv) {
   // Well inside the agent's 180 seconds; the next run takes up the rest.
   options.timeBudgetSeconds = 120;
 
+  const auto started = std::chrono::steady_clock::now();
+  SearchIndexKeeper index(data, options.transcriptFolder);
+  options.loaded = [&](const std::string& key, int64_t size, int64_t mtimeNs,
+                       const ICLPChatLog* log) { index.Loaded(key, size, mtimeNs, log); };
+
   parser::TranscriptLibrary library(prefs);
   parser::RunSummary summary = parser::ProcessTranscripts(library, options);
-  return summary.recordWriteFailed ? 1 : 0;
+
+  // The rest of the index (a new one is filled over several runs) within
+  // the agent's time limit.
+  SyncOptions sync;
+  sync.budgetSeconds = std::max(
+      5.0,
+      150.0 - std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count());
+  sync.stop = [] { return !keepRunning; };
+  index.Finish(sync);
+  return summary.saveError.empty() ? 0 : 1;
 }

@@ -11,14 +11,20 @@
 #include "platform/files.h"
 #include "platform/home.h"
 #include "platform/log.h"
+#include "platform/write_batch.h"
 
 namespace gab {
 namespace {
 
-constexpr std::array<std::string_view, 9> kKeptInDataFolder = {
+// The three pages every library has: a speaker named "stats", "Links" or
+// "Images" must not replace them with a page of their own.
+constexpr std::array<std::string_view, 3> kLibraryPages = {"Links.html", "Images.html",
+                                                           "stats.html"};
+constexpr std::array<std::string_view, 12> kKeptInDataFolder = {
     "linktemplate.html",  "imagetemplate.html",   "statstemplate.html",
     "gatheredURLs.plist", "gatheredImages.plist", "talkpulse.plist",
     "curses.plist",       "netspeak.plist",       "pidfile",
+    kLibraryPages[0],     kLibraryPages[1],       kLibraryPages[2],
 };
 constexpr std::array<std::string_view, 2> kKeptInImages = {"pdf.png", "topimages"};
 
@@ -89,6 +95,12 @@ bool WriteIntoDataFolder(std::string_view subfolder, std::string_view name,
   return WriteIntoFolder(FolderPath(subfolder), name, bytes);
 }
 
+bool WriteLibraryPage(std::string_view name, std::string_view bytes) {
+  for (auto page : kLibraryPages)
+    if (name == page) return WriteFileAtomically(FolderPath("") + "/" + std::string(name), bytes);
+  return false;
+}
+
 bool WriteStoreIntoDataFolder(std::string_view name, std::string_view bytes) {
   if (name != "gatheredURLs.plist" && name != "gatheredImages.plist" && name != "talkpulse.plist")
     return false;
@@ -96,6 +108,7 @@ bool WriteStoreIntoDataFolder(std::string_view name, std::string_view bytes) {
 }
 
 void ResetTopImagesFolder() {
+  if (write_batch_internal::HoldTopImagesReset()) return;
   std::string images = FolderPath("Images");
   int fd = open(images.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
@@ -109,6 +122,8 @@ bool CopyIntoTopImages(std::string_view storedName, std::string_view destName) {
   if (storedName.substr(0, kPrefix.size()) != kPrefix) return false;
   std::string_view source = storedName.substr(kPrefix.size());
   if (!IsPlainFileName(source) || source == "topimages" || !IsPlainFileName(destName)) return false;
+  // The source may be a file the open batch holds: copy when it is applied.
+  if (write_batch_internal::HoldTopImagesCopy(storedName, destName)) return true;
   std::string images = FolderPath("Images");
   int in = open((images + "/" + std::string(source)).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (in < 0) return false;

@@ -27,6 +27,10 @@ bool WriteIntoDataFolder(std::string_view subfolder, std::string_view name, std:
 // talkpulse.plist) atomically into the data folder; any other name is refused.
 bool WriteStoreIntoDataFolder(std::string_view name, std::string_view bytes);
 
+// Writes one of the library's own pages (Links.html, Images.html,
+// stats.html) atomically into the data folder; any other name is refused.
+bool WriteLibraryPage(std::string_view name, std::string_view bytes);
+
 // Same checks, for a file directly in `folder` (which the caller chose).
 bool WriteIntoFolder(const std::string& folder, std::string_view name, std::string_view bytes);
 

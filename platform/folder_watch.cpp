@@ -58,8 +58,16 @@ int InotifyFolderSource::Wait(const KEvent& change, KEvent* event, const timespe
       registerError_ = errno ? errno : EINVAL;
   }
   if (registerError_ != 0) {
-    *event = KEvent{change.ident, change.filter, kEvError, 0, registerError_, change.udata};
-    return 1;
+    // The error is one event; every later cycle waits its time out with no
+    // new event (the caller still holds the error record), so a watch that
+    // cannot register costs one log line a second, not a busy loop.
+    if (!errorDelivered_) {
+      errorDelivered_ = true;
+      *event = KEvent{change.ident, change.filter, kEvError, 0, registerError_, change.udata};
+      return 1;
+    }
+    ::poll(nullptr, 0, TimeoutMillis(timeout));
+    return 0;
   }
 
   pollfd p{inotify_, POLLIN, 0};

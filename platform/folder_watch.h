@@ -56,6 +56,7 @@ class InotifyFolderSource : public FolderEventSource {
   std::string path_;
   bool registered_ = false;
   int registerError_ = 0;
+  bool errorDelivered_ = false;
 };
 
 }  // namespace gab

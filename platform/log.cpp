@@ -30,7 +30,16 @@ std::string EscapeControlCharacters(std::string_view text) {
   return out;
 }
 
+namespace {
+bool g_logEnabled = true;
+}  // namespace
+
+void SetLogEnabled(bool enabled) {
+  g_logEnabled = enabled;
+}
+
 void NSLog(std::string_view message) {
+  if (!g_logEnabled) return;
   int saved = errno;
   timeval tv{};
   gettimeofday(&tv, nullptr);

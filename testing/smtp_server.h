@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace gab::testing {
@@ -20,8 +21,11 @@ class SmtpServer {
   SmtpServer(const SmtpServer&) = delete;
   SmtpServer& operator=(const SmtpServer&) = delete;
 
-  // Stop() and Start() again keep the port and the messages.
+  // Stop() and Start() again keep the port and the messages; SetArgs
+  // changes the options the next Start() gives (a server that refused,
+  // taking mail on the same port).
   bool Start();
+  void SetArgs(std::vector<std::string> args) { args_ = std::move(args); }
   void Stop();
   int port() const { return port_; }
 

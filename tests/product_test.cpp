@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <thread>
 
 #include "parser/processor.h"
@@ -275,6 +276,132 @@ TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {
   EXPECT_EQ(again.err, "");
   EXPECT_EQ(ReadFile(lib() / "processed.plist"), before);
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == 5; })) << Statistic("chatcount");
+}
+
+// Everything an import leaves in the library that must not depend on when a
+// run was killed: the stores (statistics without their dates, which are the
+// time of the first count), the text logs and the stored images.
+std::string LibraryState(const fs::path& lib) {
+  std::string state;
+  for (const char* name :
+       {"gatheredURLs.plist", "gatheredImages.plist", "links.txt", "images.txt", "processed.plist"})
+    state += std::string("== ") + name + "\n" + ReadFile(lib / name);
+  std::string stats = ReadFile(lib / "talkpulse.plist");
+  for (size_t at = stats.find("<date>"); at != std::string::npos; at = stats.find("<date>", at))
+    stats.erase(at, stats.find("</date>", at) + 7 - at);
+  state += "== talkpulse.plist\n" + stats;
+  std::vector<std::string> images;
+  for (auto& e : fs::directory_iterator(lib / "Images"))
+    // Hidden temporary files of killed writes are no part of the library.
+    if (e.is_regular_file() && e.path().filename().string()[0] != '.')
+      images.push_back(e.path().filename().string());
+  std::sort(images.begin(), images.end());
+  for (const auto& name : images)
+    state += "== Images/" + name + "\n" + ReadFile(lib / "Images" / name);
+  return state;
+}
+
+TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
+  fs::path old = home() / "old chats";
+  fs::create_directories(old);
+  for (int i = 0; i < 60; ++i)
+    samples::WriteChat(old.string(), samples::TypicalChat("friend" + std::to_string(i % 9),
+                                                          kMarch2005 + i * 3600, 15, i % 2 == 0));
+
+  // The reference: one uninterrupted import into a home of its own.
+  fs::path other = home() / "reference";
+  fs::create_directories(other);
+  const std::vector<std::string> otherEnv = {"HOME=" + other.string()};
+  ASSERT_EQ(RunProgram({kTool, "setup"}, otherEnv).status, 0);
+  auto started = std::chrono::steady_clock::now();
+  Result reference = RunProgram({kTool, "import", old.string()}, otherEnv);
+  ASSERT_EQ(reference.status, 0) << reference.err;
+  auto took = std::chrono::steady_clock::now() - started;
+  const std::string expected = LibraryState(other / "Library/Gabfolio");
+
+  // Killed outright at random moments, then run to the end.
+  std::mt19937 random(::testing::UnitTest::GetInstance()->random_seed());
+  std::uniform_int_distribution<int64_t> moment(
+      0, std::chrono::duration_cast<std::chrono::microseconds>(took).count());
+  for (int kill = 0; kill < 8; ++kill) {
+    Process p({kTool, "import", old.string()});
+    std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
+    p.Signal(SIGKILL);
+    p.Wait(30);
+  }
+  Result last = Tool({"import", old.string()});
+  ASSERT_EQ(last.status, 0) << last.err;
+  EXPECT_EQ(LibraryState(lib()), expected);
+  // The statistics start with the oldest imported chat, not on the day of
+  // the import, so the page reads forward in time.
+  std::string stats = ReadFile(lib() / "stats.html");
+  EXPECT_NE(stats.find("2005</b> <span>to</span> <b>March"), std::string::npos) << stats;
+  EXPECT_EQ(stats.find(">-"), std::string::npos) << stats;
+}
+
+// A mail the server refuses after the connection (a recipient refused, a
+// login rejected) stays pending and is sent, exactly once, by the first
+// parser run after the server takes it.
+TEST_F(ProductTest, MailRefusedAfterConnectingIsSentOnceTheServerTakesIt) {
+  if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
+  struct Case {
+    const char* name;
+    std::vector<std::string> refusing;  // the server's options while it refuses
+    std::string password;               // the password the preferences hold meanwhile
+  };
+  const Case cases[] = {
+      {"recipient refused",
+       {"--mode", "reject", "--reject-at", "rcpt", "--reject-reply", "550 5.1.1 no such mailbox"},
+       ""},
+      // This server answers a bad login late: the transfer ends in our time-out.
+      {"login rejected", {"--user", "me", "--password", "right"}, "wrong"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SmtpServer sink(c.refusing);
+    ASSERT_NE(sink.port(), 0);
+    const bool login = !c.password.empty();
+    {
+      Preferences prefs(PrefsPath());
+      prefs.SetAppValue("sendEmails", true);
+      prefs.SetAppValue("emailServer", std::string("127.0.0.1"));
+      prefs.SetAppValue("emailPort", int64_t(sink.port()));
+      prefs.SetAppValue("emailAddress", std::string("you@example.org"));
+      prefs.SetAppValue("emailOutgoing", std::string("me@example.org"));
+      prefs.SetAppValue("emailNeedsUsername", int64_t(login ? 1 : 0));
+      prefs.SetAppValue("emailUsername", std::string("me"));
+      prefs.SetAppValue("emailPassword", c.password);
+      prefs.SetAppValue("emailFails", int64_t(0));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    }
+    Chat chat = samples::TypicalChat("Refused" + std::to_string(n++), kMarch2005, 4, true);
+    samples::WriteChat(chats().string(), chat);
+    const std::vector<std::string> env = {"GABFOLIO_MAIL_RETRY_SECONDS=0"};
+    Result run = RunProgram({kParser, kParser}, env);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(StateOf(chat), parser::State::kMailPending) << run.err;
+    EXPECT_EQ(IntValue(ReadPref("emailFails")), 1);
+    EXPECT_EQ(sink.MessageCount(), 0);
+
+    // The server takes it now: one mail, and no second on the next run.
+    sink.Stop();
+    if (login) {
+      Preferences prefs(PrefsPath());
+      prefs.SetAppValue("emailPassword", std::string("right"));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    } else {
+      sink.SetArgs({});
+    }
+    ASSERT_TRUE(sink.Start());
+    run = RunProgram({kParser, kParser}, env);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(StateOf(chat), parser::State::kDone) << run.err;
+    EXPECT_EQ(sink.MessageCount(), 1);
+    EXPECT_EQ(IntValue(ReadPref("emailFails")), 0);
+    RunProgram({kParser, kParser}, env);
+    EXPECT_EQ(sink.MessageCount(), 1);
+  }
 }
 
 }  // namespace

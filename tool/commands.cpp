@@ -11,6 +11,8 @@ int RunDump(int, char**);
 int RunConvert(int, char**);
 int RunRebuild(int, char**);
 int RunView(int, char**);
+int RunSearch(int, char**);
+int RunReindex(int, char**);
 int RunService(int, char**);
 
 const std::vector<Command>& Commands() {
@@ -22,7 +24,9 @@ const std::vector<Command>& Commands() {
       {"dump", "print a decoded transcript", RunDump},
       {"convert", "write a transcript as plain text or HTML", RunConvert},
       {"rebuild", "rebuild the links pages and the gallery from the stores", RunRebuild},
-      {"view", "serve the library pages on 127.0.0.1 for a browser", RunView},
+      {"view", "serve the library and the chats on 127.0.0.1 for a browser", RunView},
+      {"search", "search every chat for words, phrases or prefixes", RunSearch},
+      {"reindex", "build the search index afresh from the transcripts", RunReindex},
       {"service", "install or remove the agent's systemd user service", RunService},
   };
   return commands;

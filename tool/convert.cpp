@@ -84,7 +84,7 @@ int RunConvert(int argc, char** argv) {
 
   if (output) {
     std::string error;
-    if (!WriteFileAtomically(*output, bytes, 0644, &error)) {
+    if (!WriteOutputFile(*output, bytes, &error)) {
       std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",
                    EscapeControlCharacters(*output).c_str(),
                    EscapeControlCharacters(error).c_str());

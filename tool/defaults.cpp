@@ -15,14 +15,21 @@ namespace gab::tool {
 namespace {
 
 constexpr const char* kHelp =
-    "usage: gabfolio defaults read [KEY]\n"
+    "usage: gabfolio defaults read [--show-secrets] [KEY]\n"
     "       gabfolio defaults write KEY [-string|-int|-bool] VALUE\n"
     "       gabfolio defaults delete KEY\n"
     "\n"
     "Reads and changes the settings of the domain com.tidewrack.gabfolio, kept in\n"
     "~/Library/Preferences/com.tidewrack.gabfolio.plist.  The agent sees a change\n"
     "within a second.  Without a type, VALUE is stored as a string; -bool takes\n"
-    "YES, NO, true, false, 1 or 0.\n";
+    "YES, NO, true, false, 1 or 0.  The mail password reads as ******** unless\n"
+    "--show-secrets is given.\n";
+
+// Values that should not land on a screen or in a terminal log by accident.
+bool IsSecret(std::string_view key) {
+  return key == "emailPassword";
+}
+constexpr const char* kMasked = "********";
 
 std::string Describe(const PrefValue& v) {
   if (auto* b = std::get_if<bool>(&v)) return *b ? "1" : "0";
@@ -71,7 +78,7 @@ std::string DescribeNode(plist_t node) {
   }
 }
 
-int ReadAll(Preferences& prefs) {
+int ReadAll(Preferences& prefs, bool showSecrets) {
   bool exists = false;
   PlistPtr root = ReadPlistFile(prefs.path(), &exists);
   if (!exists) return kOk;  // an empty domain
@@ -93,7 +100,8 @@ int ReadAll(Preferences& prefs) {
       std::free(key);
       break;
     }
-    std::printf("%s = %s\n", key ? key : "", DescribeNode(value).c_str());
+    bool masked = !showSecrets && key && IsSecret(key);
+    std::printf("%s = %s\n", key ? key : "", masked ? kMasked : DescribeNode(value).c_str());
     std::free(key);
   }
   std::free(it);
@@ -127,15 +135,21 @@ int RunDefaults(int argc, char** argv) {
     return kOk;
   }
   auto& prefs = Preferences::Shared();
+  bool showSecrets = false;
+  if (verb == "read" && argc > 2 && std::strcmp(argv[2], "--show-secrets") == 0) {
+    showSecrets = true;
+    ++argv;
+    --argc;
+  }
   if (verb == "read" && argc <= 3) {
-    if (argc == 2) return ReadAll(prefs);
+    if (argc == 2) return ReadAll(prefs, showSecrets);
     prefs.AppSynchronize();
     auto value = prefs.CopyAppValue(argv[2]);
     if (!value) {
       std::fprintf(stderr, "gabfolio defaults: the key %s does not exist\n", argv[2]);
       return kFailure;
     }
-    std::printf("%s\n", Describe(*value).c_str());
+    std::printf("%s\n", !showSecrets && IsSecret(argv[2]) ? kMasked : Describe(*value).c_str());
     return kOk;
   }
   if (verb == "write" && (argc == 4 || argc == 5)) {

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 
+#include "library/search_index.h"
 #include "parser/library_adapter.h"
 #include "parser/processor.h"
 #include "parser/run_lock.h"
@@ -105,9 +106,21 @@ int RunImport(int argc, char** argv) {
   options.progress = [&](size_t done, size_t total, const std::string& item) {
     bar.Update(done, total, EscapeControlCharacters(item));
   };
+  SearchIndexKeeper index(data, transcripts);
+  options.loaded = [&](const std::string& key, int64_t size, int64_t mtimeNs,
+                       const ICLPChatLog* log) { index.Loaded(key, size, mtimeNs, log); };
   parser::TranscriptLibrary library(prefs);
   parser::RunSummary s = parser::ProcessTranscripts(library, options);
   bar.Finish();
+  if (!s.stopped) {
+    ProgressBar indexing("Indexing");
+    SyncOptions sync;
+    sync.progress = [&](size_t done, size_t total, const std::string& item) {
+      indexing.Update(done, total, EscapeControlCharacters(item));
+    };
+    sync.stop = [] { return !keepRunning; };
+    index.Finish(sync, true);
+  }
 
   std::printf("Transcripts found:     %lld\n", static_cast<long long>(s.found));
   std::printf("Imported now:          %lld\n", static_cast<long long>(s.processed));
@@ -125,8 +138,11 @@ int RunImport(int argc, char** argv) {
     std::printf("Interrupted; run 'gabfolio import' again to go on.\n");
     return 130;
   }
-  if (s.recordWriteFailed) {
-    std::fprintf(stderr, "gabfolio import: could not write %s\n", parser::RecordPath(data).c_str());
+  if (!s.saveError.empty()) {
+    std::fprintf(stderr,
+                 "gabfolio import: could not save the library in %s: %s\n"
+                 "What was not saved is imported again on the next run.\n",
+                 data.c_str(), EscapeControlCharacters(s.saveError).c_str());
     return kFailure;
   }
   if (s.processed) std::printf("See the library with 'gabfolio view'.\n");

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "platform/files.h"
@@ -69,6 +70,12 @@ int RunStatus(int argc, char** argv) {
   if (argc > 1) {
     std::fputs(kHelp, stderr);
     return kUsage;
+  }
+  std::error_code ec;
+  if (!std::filesystem::is_directory(DataFolder(), ec)) {
+    std::fprintf(stderr, "gabfolio status: not set up yet; run 'gabfolio setup' (it creates %s)\n",
+                 DataFolder().c_str());
+    return kFailure;
   }
   auto& prefs = Preferences::Shared();
   prefs.AppSynchronize();

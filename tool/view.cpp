@@ -1,5 +1,6 @@
 // gabfolio view: serves the library pages of ~/Library/Gabfolio on
-// 127.0.0.1, so that every link and image of the pages resolves in a browser.
+// 127.0.0.1, so that every link and image of the pages resolves in a browser,
+// and beside them the chats themselves: people, chats and search.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -12,9 +13,11 @@
 #include <cstring>
 #include <string>
 
+#include "library/reading_pages.h"
 #include "library/viewer.h"
 #include "platform/home.h"
 #include "tool/commands.h"
+#include "tool/index_access.h"
 
 extern char** environ;
 
@@ -25,8 +28,10 @@ void Usage(FILE* out) {
   std::fprintf(out,
                "usage: gabfolio view [--port N] [--no-open]\n\n"
                "Serves the links pages and the image gallery of ~/Library/Gabfolio, read-only,\n"
-               "at http://127.0.0.1:PORT/ until interrupted (Ctrl-C).  The address is printed;\n"
-               "with a desktop session it is opened in the default browser.\n\n"
+               "at http://127.0.0.1:PORT/ until interrupted (Ctrl-C), and beside them your\n"
+               "chats: everyone you chatted with, each chat in full, and a search over all\n"
+               "of them.  The search index is brought up to date first.  The addresses are\n"
+               "printed; with a desktop session the people page opens in the default browser.\n\n"
                "  --port N    listen on port N (default: a free port)\n"
                "  --no-open   do not start a browser\n");
 }
@@ -68,13 +73,6 @@ int RunView(int argc, char** argv) {
       return kUsage;
     }
   }
-  // Block the stop signals before the server threads start, then wait here.
-  sigset_t stop;
-  sigemptyset(&stop);
-  sigaddset(&stop, SIGINT);
-  sigaddset(&stop, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-
   std::string folder = DataFolder();
   struct stat st {};
   if (stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -82,19 +80,30 @@ int RunView(int argc, char** argv) {
                  folder.c_str());
     return kFailure;
   }
-  LibraryViewer viewer(folder, uint16_t(port));
+  // Indexing can be interrupted; serving starts only after it.
+  auto index = OpenCurrentIndex("view");
+  if (!index) return kFailure;
+
+  // Block the stop signals before the server threads start, then wait here.
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+  auto pages = std::make_shared<ReadingPages>(TranscriptFolder(), std::move(index));
+  LibraryViewer viewer(folder, uint16_t(port), pages);
   if (!viewer.ok()) {
     std::fprintf(stderr, "gabfolio view: cannot listen on 127.0.0.1:%ld: %s\n", port,
                  viewer.error().c_str());
     return kFailure;
   }
-  std::string url = "http://127.0.0.1:" + std::to_string(viewer.port()) + "/Links.html";
+  std::string origin = "http://127.0.0.1:" + std::to_string(viewer.port());
   std::printf(
-      "Serving %s\n  Links:   %s\n  Gallery: http://127.0.0.1:%u/Images.html\n"
-      "Press Ctrl-C to stop.\n",
-      folder.c_str(), url.c_str(), unsigned(viewer.port()));
+      "Serving %s\n  Links:   %s/Links.html\n  Gallery: %s/Images.html\n"
+      "  People:  %s/people\n  Search:  %s/search\nPress Ctrl-C to stop.\n",
+      folder.c_str(), origin.c_str(), origin.c_str(), origin.c_str(), origin.c_str());
   std::fflush(stdout);
-  if (open) OpenInBrowser(url);
+  if (open) OpenInBrowser(origin + "/people");
   int sig = 0;
   sigwait(&stop, &sig);
   // Reap an xdg-open that has finished meanwhile.

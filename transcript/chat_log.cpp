@@ -66,10 +66,11 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
 
   auto log = std::make_unique<ICLPChatLog>();
   log->path_ = path;
-  std::optional<std::string> data = ReadWholeFile(path);
+  std::string readError;
+  std::optional<std::string> data = ReadRegularFile(path, UntrustedFileLimit(), &readError);
   bool loaded;
   if (!data) {
-    log->Fail("cannot read the file: " + std::string(std::strerror(errno)));
+    log->Fail(readError);
     loaded = false;
   } else {
     loaded = iChat2 ? log->LoadiChat2Data(*data) : log->LoadiChat3Data(*data);

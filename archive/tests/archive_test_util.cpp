@@ -1,8 +1,8 @@
 #include "archive/tests/archive_test_util.h"
 
 #include <charconv>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>

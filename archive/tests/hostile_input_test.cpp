@@ -5,7 +5,7 @@
 #include <cstring>
 #include <functional>
 
-#include "archive/bplist_check.h"
+#include "archive/bplist.h"
 #include "archive/keyed.h"
 #include "archive/testing/fixture_writer.h"
 #include "archive/tests/archive_test_util.h"
@@ -224,44 +224,95 @@ std::string Array(std::initializer_list<int> refs) {
   return s;
 }
 
-TEST(HostileInputTest, BinaryPlistChecksCatchWhatLibplistTrusts) {
+// Reads every object reachable from the top, as a consumer walking the
+// whole graph would; "" or the reason.
+std::string ReadAll(std::string_view bytes) {
+  try {
+    BinaryPlist p(bytes);
+    std::vector<bool> seen(p.size());
+    std::vector<uint64_t> todo{p.top()};
+    seen[p.top()] = true;
+    while (!todo.empty()) {
+      uint64_t i = todo.back();
+      todo.pop_back();
+      BinaryPlist::Value v = p.Object(i);
+      v.Utf16();
+      if (v.Is(BinaryPlist::Type::kDict)) p.Find(v, "k");
+      uint64_t n = v.Is(BinaryPlist::Type::kDict) ? 2 * v.count : v.count;
+      if (v.Is(BinaryPlist::Type::kDict) || v.Is(BinaryPlist::Type::kArray)) {
+        for (uint64_t k = 0; k < n; ++k) {
+          uint64_t ref = p.Ref(v, k);
+          if (!seen[ref]) {
+            seen[ref] = true;
+            todo.push_back(ref);
+          }
+        }
+      }
+    }
+    return "";
+  } catch (const BinaryPlistError& e) {
+    return e.what();
+  }
+}
+
+TEST(HostileInputTest, BinaryPlistReaderChecksBeforeUse) {
   std::vector<std::string> chain;  // object k is an array holding object k+1
-  for (int k = 0; k < 40; ++k) chain.push_back(Array({k + 1}));
+  for (int k = 0; k < 100000; ++k) chain.push_back("\xA1\x00\x00\x00"s);
+  for (int k = 0; k < 100000; ++k) {
+    for (int b = 0; b < 3; ++b) chain[k][1 + b] = static_cast<char>((k + 1) >> (8 * (2 - b)));
+  }
   chain.push_back("\x08");
   std::vector<std::string> bomb;  // each level refers twice to the next
-  for (int k = 0; k < 30; ++k) bomb.push_back(Array({k + 1, k + 1}));
+  for (int k = 0; k < 60; ++k) bomb.push_back(Array({k + 1, k + 1}));
   bomb.push_back("\x09");
   std::string good = BPlist({Array({1, 1}), "\x51x"}, 0);
-  std::string offsetOut = good;
-  offsetOut[offsetOut.size() - 32 - 1] = '\x7F';
+  auto patched = [&](size_t fromEnd, std::string bytes) {
+    std::string out = good;
+    out.replace(out.size() - fromEnd, bytes.size(), bytes);
+    return out;
+  };
   const struct {
     const char* what;
     std::string bytes;
     const char* error;
   } cases[] = {
       {"fine", good, ""},
-      {"cycle", BPlist({Array({0})}, 0), "reference cycle"},
-      {"deep", BPlist(chain, 0), "nested too deeply"},
-      {"expansion", BPlist(bomb, 0), "expand too much"},
-      {"top out of range", BPlist({"\x08"}, 1), "top object out of range"},
-      {"reference out of range", BPlist({Array({5})}, 0), "reference out of range"},
-      {"offset out of range", offsetOut, "object offset outside"},
+      {"self-referencing array", BPlist({Array({0})}, 0), ""},
+      {"deep nesting", BPlist(chain, 0, 3), ""},
+      {"shared twice at every level", BPlist(bomb, 0), ""},
+      {"not a plist", "<plist/>" + good.substr(8), "not a binary property list"},
+      {"bplist15", "bplist15" + good.substr(8), "unsupported version"},
+      {"too short", "bplist00", "too short"},
+      {"trailer cut short", good.substr(0, good.size() - 1), "bad offset size"},
+      {"offset size 0", patched(26, "\x00"s), "bad offset size"},
+      {"reference size 0", patched(25, "\x00"s), "bad object reference size"},
+      {"reference size 9", patched(25, "\x09"), "bad object reference size"},
+      {"object count overflow", patched(24, "\x80"), "too many objects"},
+      {"no objects", patched(17, "\x00"s), "no objects"},
+      {"top object out of range", BPlist({"\x08"}, 1), "top object out of range"},
+      {"offset table moved", patched(1, "\x01"), "offset table"},
+      {"offset out of range", patched(33, "\x7F"), "offset outside the object table"},
+      {"reference out of range", BPlist({Array({5})}, 0), "object reference 5 out of range"},
       {"key not a string", BPlist({"\xD1\x01\x01", "\x10\x01"}, 0),
        "dictionary key is not a string"},
       {"string too long",
        BPlist({"\x5F\x10\x7F"
                "abc"},
               0),
-       "beyond the object table"},
-      {"bplist15", "bplist15" + good.substr(8), "not a bplist00"},
-      {"too short", "bplist00", "too short"},
+       "runs past the object table"},
+      {"UTF-16 count overflows", BPlist({"\x6F\x13\x80\0\0\0\0\0\0\x01"s}, 0),
+       "runs past the object table"},
+      {"array count overflows", BPlist({"\xAF\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s}, 0),
+       "container runs past"},
+      {"count of the wrong type", BPlist({"\x5F\x23\0\0\0\0\0\0\0\0"s}, 0), "bad count"},
+      {"integer cut short", BPlist({"\x13\x01"}, 0), "bad integer"},
+      {"unsupported marker", BPlist({"\x0F"}, 0), "unsupported marker 0x0f"},
   };
   for (const auto& c : cases) {
-    std::string err = CheckBinaryPlist(c.bytes);
+    std::string err = ReadAll(c.bytes);
     if (*c.error) {
       EXPECT_NE(err.find(c.error), std::string::npos) << c.what << ": " << err;
-      DecodeResult r = DecodeKeyedArchive(c.bytes);
-      EXPECT_FALSE(r.ok()) << c.what;
+      EXPECT_FALSE(DecodeKeyedArchive(c.bytes).ok()) << c.what;
     } else {
       EXPECT_EQ(err, "") << c.what;
     }
@@ -340,6 +391,23 @@ TEST(HostileInputTest, KeyedDamageIsNamed) {
                                {"NSAttributeInfo", plist_new_data(info.data(), info.size())}}));
     return b.Bytes(root);
   };
+  // An array of `users` strings that all copy one 1000-character string.
+  auto sharedText = [](int users) {
+    KeyedBuilder b;
+    uint64_t str = b.Class("NSString"), arr = b.Class("NSArray");
+    uint64_t text = b.Add(plist_new_string(std::string(1000, 'x').c_str()));
+    plist_t list = plist_new_array();
+    for (int k = 0; k < users; ++k) {
+      plist_array_append_item(
+          list, plist_new_uid(b.Add(KeyedBuilder::Obj(str, {{"NS.string", plist_new_uid(text)}}))));
+    }
+    return b.Bytes(b.Add(KeyedBuilder::Obj(arr, {{"NS.objects", list}})));
+  };
+  auto nestedXml = [](int depth, const std::string& open) {
+    std::string s = "<?xml version=\"1.0\"?><plist version=\"1.0\">";
+    for (int k = 0; k < depth; ++k) s += open;
+    return s;
+  };
   auto oneObject = [](std::function<plist_t(KeyedBuilder&)> make) {
     KeyedBuilder b;
     uint64_t root = b.Add(make(b));
@@ -377,6 +445,12 @@ TEST(HostileInputTest, KeyedDamageIsNamed) {
          return KeyedBuilder::Obj(b.Class("NSArray"), {{"NS.objects", KeyedBuilder::Uids({99})}});
        }),
        "beyond $objects", ""},
+      {"text shared a few times", sharedText(10), "", ""},
+      {"text shared too often", sharedText(20000), "shared references expand too much", ""},
+      // libplist frees what it parsed recursively: deep XML never reaches it.
+      {"XML nested too deeply", nestedXml(100, "<array><!-- </array> -->"), "nested too deeply",
+       ""},
+      {"XML left open", nestedXml(1000000, "<dict><key>k</key>"), "nested too deeply", ""},
   };
   for (const auto& c : cases)
     ExpectDecode(DecodeKeyedArchive(c.bytes), c.what, c.error, "keyed archive: ", c.dump);

@@ -9,11 +9,13 @@
 #include "platform/preferences.h"
 #include "platform/text.h"
 #include "testing/images.h"
+#include "testing/run_process.h"
 #include "testing/transcripts.h"
 
 namespace gab {
 namespace {
 
+using testing::CountOf;
 using testing::EncodedImage;
 using testing::ExpectGolden;
 using testing::FileNamed;
@@ -60,12 +62,25 @@ TEST(TranscriptMerge, LinksGoIntoTheStoreSortedAndOntoThePages) {
   ExpectGolden(home.Get("Links.html"), "merge_links_All.html");
   // Merging the same chat again stores every link twice.
   GenerateLinkFiles(chat.get());
+  EXPECT_EQ(CountOf(home.Get("gatheredURLs.plist").value_or(""), "<key>linkurl</key>"), 8);
+}
+
+// A NUL inside a name would end it in the store and merge two people into
+// one; it is kept apart as U+FFFD, and found again on the next merge.
+TEST(TranscriptMerge, NamesWithNulStayDistinct) {
+  LibraryHome home;
+  home.Put("linktemplate.html", TestTemplate("____LINKS"));
+  const std::u16string nul(u"nul\0name", 8);
+  for (int round = 0; round < 2; ++round)
+    GenerateLinkFiles(
+        ICLPChatLog::FromParts(u"x", {Said(nul, March8(), {{u"a", LinkString(u"http://a/")}}),
+                                      Said(u"nul", March8(), {{u"b", LinkString(u"http://b/")}})})
+            .get());
   auto store = home.Get("gatheredURLs.plist");
-  size_t n = 0;
-  for (size_t at = store->find("<key>linkurl</key>"); at != std::string::npos;
-       at = store->find("<key>linkurl</key>", at + 1))
-    ++n;
-  EXPECT_EQ(n, 8u);
+  ASSERT_TRUE(store);
+  EXPECT_NE(store->find("<string>nul\xEF\xBF\xBDname</string>"), std::string::npos) << *store;
+  EXPECT_EQ(CountOf(*store, "<key>speaker</key>"), 2) << *store;
+  EXPECT_EQ(CountOf(*store, "<key>linkurl</key>"), 4) << *store;
 }
 
 // A store that does not parse, or is not a list, is reported and kept.

@@ -7,7 +7,7 @@
 #include <fstream>
 
 #include "parser/run_lock.h"
-#include "parser/scan.h"
+#include "platform/transcript_files.h"
 
 namespace gab::parser {
 namespace {

@@ -58,7 +58,9 @@ TEST(DataFolder, WritesOnlyPlainUnprotectedNamesInside) {
   // The templates and stores in the data folder are never overwritten this way.
   for (const char* name :
        {"linktemplate.html", "imagetemplate.html", "statstemplate.html", "gatheredURLs.plist",
-        "gatheredImages.plist", "talkpulse.plist", "curses.plist", "netspeak.plist", "pidfile"})
+        "gatheredImages.plist", "talkpulse.plist", "curses.plist", "netspeak.plist", "pidfile",
+        // a speaker named "stats", "Links" or "Images" gets no page of that name
+        "stats.html", "Links.html", "Images.html"})
     all.push_back({"", name, false});
   for (const auto& c : all) {
     ::testing::internal::CaptureStderr();
@@ -76,6 +78,8 @@ TEST(DataFolder, WritesOnlyPlainUnprotectedNamesInside) {
   EXPECT_FALSE(FileExists(home.path() + "/Library/escape.html"));
   EXPECT_TRUE(WriteStoreIntoDataFolder("gatheredURLs.plist", "store"));
   EXPECT_FALSE(WriteStoreIntoDataFolder("linktemplate.html", "store"));
+  EXPECT_TRUE(WriteLibraryPage("stats.html", "page"));
+  EXPECT_FALSE(WriteLibraryPage("Ann.html", "page"));
   EXPECT_EQ(home.Get("linktemplate.html"), "template");
 }
 

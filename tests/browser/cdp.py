@@ -1,11 +1,14 @@
 """A small Chrome DevTools Protocol client over a hand-rolled websocket
-(standard library only)."""
+(standard library only), and headless Chromium started for it."""
 import base64
 import json
 import os
 import socket
 import struct
+import subprocess
+import time
 import urllib.parse
+import urllib.request
 
 
 class DevTools:
@@ -90,3 +93,36 @@ class DevTools:
         if "exceptionDetails" in r:
             raise RuntimeError(str(r["exceptionDetails"]))
         return r["result"].get("value")
+
+
+def start_chromium(chromium, profile):
+    """Headless Chromium with a throw-away profile; the process and its first tab."""
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        port = s.getsockname()[1]
+    proc = subprocess.Popen([chromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
+                             "--no-first-run", "--disable-background-networking", "--disable-component-update",
+                             "--disable-sync", f"--user-data-dir={profile}", f"--remote-debugging-port={port}",
+                             "--window-size=1280,900", "about:blank"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    for _ in range(200):
+        try:
+            targets = json.load(urllib.request.urlopen(f"http://127.0.0.1:{port}/json/list", timeout=1))
+            pages = [t for t in targets if t.get("type") == "page"]
+            if pages:
+                return proc, DevTools(pages[0]["webSocketDebuggerUrl"])
+        except OSError:
+            pass
+        time.sleep(0.1)
+    proc.kill()
+    raise RuntimeError("Chromium did not start")
+
+
+def navigate(tab, url):
+    """Loads `url` in `tab`; the navigation error, or None once the page has loaded."""
+    tab.events.clear()
+    result = tab.call("Page.navigate", url=url)
+    if result.get("errorText"):
+        return result["errorText"]  # no document loads, so no load event
+    tab.wait_event("Page.loadEventFired")
+    return None

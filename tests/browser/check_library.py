@@ -5,21 +5,18 @@ Chromium that every local link of every page resolves and every image loads.
 
 usage: check_library.py GABFOLIO DATA_DIR     (exit status 0: every check passed)"""
 import glob
-import json
 import os
 import shutil
-import socket
 import struct
 import subprocess
 import sys
 import tempfile
-import time
 import urllib.parse
 import urllib.request
 import zlib
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from cdp import DevTools  # noqa: E402
+from cdp import navigate, start_chromium  # noqa: E402
 
 
 def png(width, height):
@@ -74,27 +71,6 @@ def build_library(home, data_dir):
     return folder
 
 
-def start_chromium(profile):
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        port = s.getsockname()[1]
-    proc = subprocess.Popen([shutil.which("chromium") or "/usr/bin/chromium", "--headless", "--no-sandbox",
-                             "--disable-gpu", "--no-first-run", "--disable-background-networking",
-                             f"--user-data-dir={profile}", f"--remote-debugging-port={port}", "about:blank"],
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    for _ in range(200):
-        try:
-            targets = json.load(urllib.request.urlopen(f"http://127.0.0.1:{port}/json/list", timeout=1))
-            pages = [t for t in targets if t.get("type") == "page"]
-            if pages:
-                return proc, DevTools(pages[0]["webSocketDebuggerUrl"])
-        except OSError:
-            pass
-        time.sleep(0.1)
-    proc.kill()
-    raise RuntimeError("Chromium did not start")
-
-
 PAGE_INFO = """(async () => {
   const imgs = [...document.images];
   await Promise.all(imgs.map(i => i.complete ? 0 : new Promise(r => { i.onload = i.onerror = r; })));
@@ -118,14 +94,13 @@ def main():
                                   stdout=subprocess.PIPE, text=True)
         viewer.stdout.readline()  # "Serving ..."
         origin = viewer.stdout.readline().split()[-1].rsplit("/", 1)[0]
-        chromium, tab = start_chromium(os.path.join(work, "profile"))
+        chromium, tab = start_chromium(shutil.which("chromium") or "/usr/bin/chromium",
+                                       os.path.join(work, "profile"))
         tab.call("Page.enable")
         for page in pages:
-            tab.events.clear()
-            if tab.call("Page.navigate", url=origin + "/" + urllib.parse.quote(page)).get("errorText"):
+            if navigate(tab, origin + "/" + urllib.parse.quote(page)):
                 failures.append(f"{page}: navigation failed")
                 continue
-            tab.wait_event("Page.loadEventFired")
             info = tab.evaluate(PAGE_INFO)
             for link in (l for l in info["links"] if l.startswith(origin)):
                 checked += 1

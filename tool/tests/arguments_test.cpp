@@ -17,6 +17,8 @@ TEST(Arguments, HelpAndErrors) {
     const char* text;  // help: the start of stdout; errors: held by stderr
   };
   const Case cases[] = {
+      {{"--version"}, 0, "gabfolio 0."},
+      {{"status"}, 1, "not set up yet; run 'gabfolio setup'"},
       {{"convert", "--help"}, 0, "usage: gabfolio convert FILE --to text|html [-o OUT]\n"},
       {{"convert"}, 2, "no FILE given"},
       {{"convert", "a.chat"}, 2, "--to text or --to html is required"},
@@ -36,14 +38,14 @@ TEST(Arguments, HelpAndErrors) {
       {{"dump", "a.chat", "b.chat"}, 2, "usage:"},
       {{"dump", "-v"}, 2, "usage:"},
       {{"dump", "@/Nobody on 2005.chat"}, 1, "cannot read the file"},
-      {{"dump", "@/dir on 2005.chat"}, 1, "cannot read the file"},
+      {{"dump", "@/dir on 2005.chat"}, 1, "it is a folder, not a file"},
       {{"dump", "@/Anna on 2005.CHAT"}, 1, "extension"},
       {{"dump", "@/Anna on 2005.ichat"}, 1, "iChat 3 archive"},
       {{"dump", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},
       {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
       {{"view", "--port", "http"}, 2, "bad port"},
       {{"view", "--port", "70000"}, 2, "bad port"},
-      {{"view", "--verbose"}, 2, "usage: gabfolio view"},
+      {{"view", "--quiet"}, 2, "usage: gabfolio view"},
       {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
       {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
       {{"status", "--help"}, 0, "usage: gabfolio status"},

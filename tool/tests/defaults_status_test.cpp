@@ -55,6 +55,10 @@ TEST_F(ToolTest, DefaultsWriteReadDelete) {
        "/usr/bin/gabfolio-parser\nsendEmails = 1\n"},
       {{"defaults", "delete", "handleURLs"}, 0, ""},
       {{"defaults", "delete", "handleURLs"}, 1, ""},
+      // The password stays off the screen unless asked for.
+      {{"defaults", "write", "emailPassword", "s3cret"}, 0, ""},
+      {{"defaults", "read", "emailPassword"}, 0, "********\n"},
+      {{"defaults", "read", "--show-secrets", "emailPassword"}, 0, "s3cret\n"},
       {{"defaults", "frobnicate"}, 2, ""},
   };
   for (const auto& s : steps) {

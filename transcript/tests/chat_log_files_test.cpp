@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "archive/testing/fixture_writer.h"
+#include "platform/text.h"
 #include "testing/temp_home.h"
 #include "transcript/chat_log.h"
 
@@ -200,6 +201,27 @@ TEST(ChatLogFile, ExtensionChoosesTheDecoderNotTheContents) {
   home.Write("Anna on 2005.chat", fx::WriteTranscript(Sample(), fx::Format::kKeyed));
   EXPECT_FALSE(ICLPChatLog::InitWithFilePath(home.path() + "/Anna on 2005.ichat"));
   EXPECT_FALSE(ICLPChatLog::InitWithFilePath(home.path() + "/Anna on 2005.chat"));
+}
+
+// An unpaired surrogate in a message loads: the text keeps its UTF-16 units,
+// so the attribute runs still cover it, and prints as "?".
+TEST(ChatLogFile, UnpairedSurrogateInMessageText) {
+  fx::Transcript t;
+  fx::Speaker bob{u"AIM", u"buddy1"};
+  t.participants = {bob};
+  t.messages.push_back(
+      {bob, Date{100}, {fx::TextRun(u"a\u00E9"), LinkRun(u"b", u"http://example.org/", true)}});
+  // The writer stores non-ASCII text as UTF-16: é becomes a lone high surrogate.
+  std::string bytes = fx::WriteTranscript(t, fx::Format::kKeyed);
+  size_t at = bytes.find(std::string("\x63\x00\x61\x00\xE9\x00\x62", 7));
+  ASSERT_NE(at, std::string::npos);
+  bytes.replace(at + 3, 2, std::string("\xD8\x00", 2));
+  ICLPChatLog log;
+  ASSERT_TRUE(log.LoadiChat3Data(bytes)) << log.loadError();
+  ASSERT_EQ(log.Messages().size(), 1u);
+  EXPECT_EQ(log.Messages()[0]->string->text, std::u16string(u"a\xD800") + u"b");
+  EXPECT_NE(ToUtf8(log.Messages()[0]->PlainString()).find("a?b"), std::string::npos)
+      << ToUtf8(log.Messages()[0]->PlainString());
 }
 
 // Roots of the wrong shape, archived as NSArchiver would.

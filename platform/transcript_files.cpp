@@ -1,4 +1,4 @@
-#include "parser/scan.h"
+#include "platform/transcript_files.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-namespace gab::parser {
+namespace gab {
 namespace {
 
 constexpr int kMaxDepth = 32;
@@ -54,4 +54,4 @@ std::vector<FoundTranscript> FindTranscripts(const std::string& folder) {
   return out;
 }
 
-}  // namespace gab::parser
+}  // namespace gab

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace gab::parser {
+namespace gab {
 
 struct FoundTranscript {
   std::string relativePath;  // below the scanned folder, "/"-separated
@@ -20,4 +20,4 @@ std::vector<FoundTranscript> FindTranscripts(const std::string& folder);
 
 bool HasTranscriptExtension(std::string_view name);
 
-}  // namespace gab::parser
+}  // namespace gab

@@ -71,9 +71,9 @@ class PocoTransport : public MailTransport {
       // environment at the time of the transfer.
       Poco::Net::Context::Ptr context = new Poco::Net::Context(
           Poco::Net::Context::TLS_CLIENT_USE, "", Poco::Net::Context::VERIFY_RELAXED, 9, true);
-      context->disableProtocols(
-          Poco::Net::Context::PROTO_SSLV2 | Poco::Net::Context::PROTO_SSLV3 |
-          Poco::Net::Context::PROTO_TLSV1 | Poco::Net::Context::PROTO_TLSV1_1);
+      context->disableProtocols(Poco::Net::Context::PROTO_SSLV2 | Poco::Net::Context::PROTO_SSLV3 |
+                                Poco::Net::Context::PROTO_TLSV1 |
+                                Poco::Net::Context::PROTO_TLSV1_1);
       context->enableExtendedCertificateVerification(true);
       Poco::Net::SecureStreamSocket secure =
           Poco::Net::SecureStreamSocket::attach(socket_, host, context);

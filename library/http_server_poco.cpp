@@ -66,8 +66,8 @@ std::unique_ptr<HttpServer> Serve(uint16_t port, int maxThreads, HttpHandler han
     auto* params = new Poco::Net::HTTPServerParams;
     params->setMaxThreads(maxThreads);
     params->setKeepAlive(true);
-    auto server = std::make_unique<Poco::Net::HTTPServer>(new Factory(std::move(handler)),
-                                                          socket, params);
+    auto server =
+        std::make_unique<Poco::Net::HTTPServer>(new Factory(std::move(handler)), socket, params);
     server->start();
     return std::make_unique<PocoServer>(std::move(server), bound);
   } catch (const Poco::Exception& e) {

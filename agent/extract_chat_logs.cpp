@@ -10,11 +10,13 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/agent.h"
 #include "library/log_generator.h"
 #include "platform/home.h"
 #include "platform/log.h"
+#include "platform/pass_note.h"
 #include "platform/preferences.h"
 #include "platform/report_error.h"
 #include "transcript/chat_log.h"
@@ -49,9 +51,9 @@ void StoreErrorStatusZero(Preferences& prefs) {
   prefs.AppSynchronize();
 }
 
-// Runs the parser once, as its own only argument, and waits for it at most
-// `cycleLimit` cycles.
-void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
+// Runs the parser once, as its own only argument, in the environment `env`,
+// and waits for it at most `cycleLimit` cycles.
+void RunParser(const std::optional<std::string>& parserPath, char* const* env, int cycleLimit) {
   std::fflush(nullptr);
   pid_t pid = ::fork();
   if (pid < 0) {
@@ -64,7 +66,8 @@ void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
     ::signal(SIGQUIT, SIG_DFL);
     if (parserPath) {
       const char* path = parserPath->c_str();
-      if (::execl(path, path, static_cast<char*>(nullptr)) == 0) {
+      char* const argv[] = {const_cast<char*>(path), nullptr};
+      if (::execve(path, argv, env) == 0) {
         std::puts("Error launching monitor.");
         std::fflush(stdout);
         _exit(0);
@@ -133,6 +136,17 @@ void ExtractChatLogs(int cycleLimit) {
   if (!ApplyErrorGate(GatePoint::kStart)) return;
   NSLog("*****START***** Activity in log folder, scanning...");
   std::optional<std::string> parserPath = prefs.String("parserPath");
+  // The parser's environment: ours, and the note its runs of this pass share
+  // (made before any fork, as a child may only exec).
+  PassNote note;
+  std::vector<char*> env;
+  for (char** e = environ; *e; ++e)
+    if (std::strncmp(*e, kPassNoteVariable, std::strlen(kPassNoteVariable)) != 0 ||
+        (*e)[std::strlen(kPassNoteVariable)] != '=')
+      env.push_back(*e);
+  std::string entry = note.environmentEntry();
+  if (!entry.empty()) env.push_back(entry.data());
+  env.push_back(nullptr);
 
   // Every entry counts, folders and the contents of subfolders included;
   // linked folders are not followed.
@@ -141,7 +155,7 @@ void ExtractChatLogs(int cycleLimit) {
   for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!ApplyErrorGate(GatePoint::kEntry)) break;
     prefs.CopyAppValue("emailAddress");
-    RunParser(parserPath, cycleLimit);
+    RunParser(parserPath, env.data(), cycleLimit);
     if (!keepRunning) return;
   }
 

@@ -28,8 +28,8 @@ TEST(PassNoteTest, OnlyTheAgentsOwnNoteStopsARun) {
     bool stops;
   };
   const Case cases[] = {
-      {"no note", nullptr, false},  {"empty variable", "", false},
-      {"quiet note", "quiet", true}, {"link to a quiet note", "link", false},
+      {"no note", nullptr, false},    {"empty variable", "", false},
+      {"quiet note", "quiet", true},  {"link to a quiet note", "link", false},
       {"other text", "other", false}, {"missing file", "absent", false},
   };
   for (const Case& c : cases) {

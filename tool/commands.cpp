@@ -14,6 +14,7 @@ int RunView(int, char**);
 int RunSearch(int, char**);
 int RunReindex(int, char**);
 int RunService(int, char**);
+int RunContacts(int, char**);
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
@@ -27,6 +28,7 @@ const std::vector<Command>& Commands() {
       {"view", "serve the library and the chats on 127.0.0.1 for a browser", RunView},
       {"search", "search every chat for words, phrases or prefixes", RunSearch},
       {"reindex", "build the search index afresh from the transcripts", RunReindex},
+      {"contacts", "learn contact cards that link accounts to the names chats show", RunContacts},
       {"service", "install or remove the agent's systemd user service", RunService},
   };
   return commands;

@@ -2,6 +2,8 @@
 // plain-text or HTML rendering (the same ones its mail carries) to standard
 // output or to a file, so an old archive can be read without sending mail.
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,7 +27,9 @@ const char kConvertUsage[] =
     "Renders an iChat transcript as the mails of Gabfolio carry it:\n"
     "  --to text   the plain-text transcript (UTF-8)\n"
     "  --to html   the HTML document (UTF-8)\n"
-    "  -o OUT      write to the file OUT (replaced whole) instead of standard output\n"
+    "  -o OUT      write to the file OUT (replaced whole) instead of standard output;\n"
+    "              into the folder OUT when it is one or ends in \"/\" (named after\n"
+    "              FILE, ending in .txt or .html); \"-o -\" is standard output\n"
     "\n"
     "FILE is an iChat 2 transcript (.chat) or an iChat 3 transcript (.ichat)\n"
     "named \"<party> on <date>.<extension>\".  The HTML is not sanitised: it holds\n"
@@ -34,9 +38,19 @@ const char kConvertUsage[] =
     "Exit status: 0 written, 1 the file could not be read, decoded or written, 2 usage.\n";
 
 int Usage(const char* problem) {
-  if (problem) std::fprintf(stderr, "gabfolio convert: %s\n", problem);
-  std::fputs(kConvertUsage, stderr);
+  std::fprintf(stderr, "gabfolio convert: %s\ntry 'gabfolio convert --help'\n", problem);
   return kUsage;
+}
+
+// "-o DIR/" or an existing folder: the file goes in there, named after the
+// transcript ("Anna on 2005-03-08.ichat" becomes "Anna on 2005-03-08.html").
+std::string OutputPath(const std::string& output, const std::string& file, const char* suffix) {
+  struct stat st {};
+  if (output.back() != '/' && (stat(output.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+    return output;
+  std::string name = file.substr(file.find_last_of('/') + 1);
+  if (size_t dot = name.rfind('.'); dot != std::string::npos && dot > 0) name.resize(dot);
+  return output + (output.back() == '/' ? "" : "/") + name + suffix;
 }
 
 }  // namespace
@@ -82,12 +96,12 @@ int RunConvert(int argc, char** argv) {
   }
   std::string bytes = *format == "text" ? ToUtf8(PlainChatLog(*log)) : HTMLChatLog(*log);
 
-  if (output) {
+  if (output && *output != "-") {
+    std::string path = OutputPath(*output, *file, *format == "text" ? ".txt" : ".html");
     std::string error;
-    if (!WriteFileAtomically(*output, bytes, 0644, &error)) {
+    if (!WriteFileAtomically(path, bytes, 0644, &error)) {
       std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",
-                   EscapeControlCharacters(*output).c_str(),
-                   EscapeControlCharacters(error).c_str());
+                   EscapeControlCharacters(path).c_str(), EscapeControlCharacters(error).c_str());
       return kFailure;
     }
     return kOk;

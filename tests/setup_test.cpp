@@ -100,7 +100,7 @@ TEST_F(SetupTest, UsageErrorsAndHelp) {
       {{"setup", "--mail"}, 2, "mail needs a server"},
       {{"import", "--help"}, 0, "usage: gabfolio import"},
       {{"import", "a", "b"}, 2, "one folder"},
-      {{"service"}, 2, "usage: gabfolio service"},
+      {{"service"}, 2, "install, uninstall or status?"},
       {{"service", "restart"}, 2, "unknown action"},
       {{"nonsense"}, 2, "unknown command"},
   };
@@ -110,6 +110,19 @@ TEST_F(SetupTest, UsageErrorsAndHelp) {
     EXPECT_NE((r.out + r.err).find(c.text), std::string::npos)
         << c.args.back() << ": " << r.out << r.err;
   }
+}
+
+// Every program answers --version and goes no further: the agent neither
+// writes its pid file nor starts watching.
+TEST_F(SetupTest, EveryProgramSaysItsVersion) {
+  for (const std::string& program : {kTool, kAgent, kParser, kParser + "-worker"}) {
+    Result r = RunProgram({program, "--version"}, home() / ".logs", {}, {}, 10);
+    std::string name = fs::path(program).filename().string();
+    EXPECT_EQ(r.status, 0) << name << r.err;
+    EXPECT_EQ(r.out.rfind(name + " 0.", 0), 0u) << r.out;
+    EXPECT_EQ(CountOf(r.out, "\n"), 1u) << r.out;
+  }
+  EXPECT_FALSE(fs::exists(home() / "Library/Gabfolio/pidfile"));
 }
 
 TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {

@@ -1,6 +1,16 @@
 #include "tool/commands.h"
 
+#include <cstdio>
+
+#include "platform/log.h"
+
 namespace gab::tool {
+
+int UsageError(const char* command, const std::string& problem) {
+  std::fprintf(stderr, "gabfolio %s: %s\ntry 'gabfolio %s --help'\n", command,
+               EscapeControlCharacters(problem).c_str(), command);
+  return kUsage;
+}
 
 // Declarations of the subcommands (one file each).
 int RunSetup(int, char**);

@@ -46,8 +46,7 @@ const char kHelp[] =
     "Exit status: 0 done, 1 failed, 2 bad usage.\n";
 
 int Usage(const std::string& problem) {
-  std::fprintf(stderr, "gabfolio contacts: %s\ntry 'gabfolio contacts --help'\n", problem.c_str());
-  return kUsage;
+  return UsageError("contacts", problem);
 }
 
 struct Affected {

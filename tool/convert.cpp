@@ -37,9 +37,8 @@ const char kConvertUsage[] =
     "\n"
     "Exit status: 0 written, 1 the file could not be read, decoded or written, 2 usage.\n";
 
-int Usage(const char* problem) {
-  std::fprintf(stderr, "gabfolio convert: %s\ntry 'gabfolio convert --help'\n", problem);
-  return kUsage;
+int Usage(const std::string& problem) {
+  return UsageError("convert", problem);
 }
 
 // "-o DIR/" or an existing folder: the file goes in there, named after the

@@ -125,13 +125,10 @@ int RunImport(int argc, char** argv) {
       continue;
     }
     if (!a.empty() && a[0] == '-') {
-      std::fprintf(stderr, "gabfolio import: unknown option '%s'\ntry 'gabfolio import --help'\n",
-                   EscapeControlCharacters(a).c_str());
-      return kUsage;
+      return UsageError("import", "unknown option '" + a + "'");
     }
     if (!folder.empty()) {
-      std::fprintf(stderr, "gabfolio import: one folder at a time\n");
-      return kUsage;
+      return UsageError("import", "one folder at a time");
     }
     folder = a;
   }

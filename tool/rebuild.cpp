@@ -23,8 +23,7 @@ int RunRebuild(int argc, char** argv) {
           "Exit status: 0 written, 1 a page could not be written, 2 usage.\n");
       return kOk;
     }
-    std::fprintf(stderr, "gabfolio rebuild: takes no arguments\ntry 'gabfolio rebuild --help'\n");
-    return kUsage;
+    return UsageError("rebuild", "takes no arguments");
   }
   const std::string data = DataFolder();
   std::string error;

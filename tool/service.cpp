@@ -154,10 +154,7 @@ int Uninstall() {
 }  // namespace
 
 int RunService(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs(kHelp, stderr);
-    return kUsage;
-  }
+  if (argc < 2) return UsageError("service", "install, uninstall or status?");
   std::string what = argv[1];
   if (what == "--help" || what == "-h") {
     std::fputs(kHelp, stdout);
@@ -166,8 +163,7 @@ int RunService(int argc, char** argv) {
   if (what == "install") return Install();
   if (what == "uninstall") return Uninstall();
   if (what == "status") return Systemctl({"status", "--no-pager", kUnit}) == 0 ? kOk : kFailure;
-  std::fprintf(stderr, "gabfolio service: unknown action '%s'\n%s", what.c_str(), kHelp);
-  return kUsage;
+  return UsageError("service", "unknown action '" + what + "'");
 }
 
 }  // namespace gab::tool

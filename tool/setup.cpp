@@ -311,7 +311,7 @@ int RunSetup(int argc, char** argv) {
     std::string a = argv[i];
     auto next = [&](const char* what) -> std::optional<std::string> {
       if (i + 1 >= argc) {
-        std::fprintf(stderr, "gabfolio setup: %s needs a value\n", what);
+        UsageError("setup", std::string(what) + " needs a value");
         return std::nullopt;
       }
       return std::string(argv[++i]);
@@ -341,14 +341,12 @@ int RunSetup(int argc, char** argv) {
         char* end = nullptr;
         long port = std::strtol(v->c_str(), &end, 10);
         if (!end || *end || port <= 0 || port > 65535) {
-          std::fprintf(stderr, "gabfolio setup: bad port '%s'\n", v->c_str());
-          return kUsage;
+          return UsageError("setup", "bad port '" + *v + "'");
         }
         mo.port = int(port);
       }
     } else {
-      std::fprintf(stderr, "gabfolio setup: unknown option '%s'\n%s", a.c_str(), kHelp);
-      return kUsage;
+      return UsageError("setup", "unknown option '" + a + "'");
     }
   }
 

@@ -70,10 +70,7 @@ int RunStatus(int argc, char** argv) {
     std::fputs(kHelp, stdout);
     return kOk;
   }
-  if (argc > 1) {
-    std::fputs(kHelp, stderr);
-    return kUsage;
-  }
+  if (argc > 1) return UsageError("status", "takes no arguments");
   std::error_code ec;
   if (!std::filesystem::is_directory(DataFolder(), ec)) {
     std::fprintf(stderr, "gabfolio status: not set up yet; run 'gabfolio setup' (it creates %s)\n",

@@ -65,12 +65,10 @@ int RunView(int argc, char** argv) {
       char* end = nullptr;
       port = std::strtol(argv[++i], &end, 10);
       if (*end || port < 0 || port > 65535) {
-        std::fprintf(stderr, "gabfolio view: bad port '%s'\n", argv[i]);
-        return kUsage;
+        return UsageError("view", std::string("bad port '") + argv[i] + "'");
       }
     } else {
-      Usage(stderr);
-      return kUsage;
+      return UsageError("view", "unknown option '" + a + "'");
     }
   }
   std::string folder = DataFolder();

@@ -125,6 +125,41 @@ TEST_F(SetupTest, EveryProgramSaysItsVersion) {
   EXPECT_FALSE(fs::exists(home() / "Library/Gabfolio/pidfile"));
 }
 
+// Settings whose test mail failed are kept only when the user says so; no
+// login leaves no password behind.
+TEST_F(SetupTest, FailedTestMailAsksBeforeKeepingTheSettings) {
+  struct Case {
+    std::vector<std::string> extra;
+    std::optional<std::string> input;
+    int status;
+    const char* server;                   // afterwards
+    std::optional<std::string> password;  // afterwards
+  };
+  const Case cases[] = {
+      {{}, "", 1, "old.example.org", "secret"},
+      {{}, "n\n", 1, "old.example.org", "secret"},
+      {{}, "y\n", 1, "127.0.0.1", std::nullopt},
+      {{"--no-test"}, {}, 0, "127.0.0.1", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input.value_or("(no input)"));
+    {
+      Preferences prefs = Prefs();
+      prefs.SetAppValue("emailServer", std::string("old.example.org"));
+      prefs.SetAppValue("emailPassword", std::string("secret"));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    }
+    std::vector<std::string> args = {"setup", "--server", "127.0.0.1",      "--port",
+                                     "9",     "--to",     "me@example.org", "--no-login"};
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    Result r = Tool(args, c.input);
+    EXPECT_EQ(r.status, c.status) << r.out << r.err;
+    Preferences prefs = Prefs();
+    EXPECT_EQ(prefs.String("emailServer"), c.server);
+    EXPECT_EQ(prefs.String("emailPassword"), c.password);
+  }
+}
+
 TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
   SmtpSink sink(home() / "sink");

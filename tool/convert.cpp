@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -28,8 +29,9 @@ const char kConvertUsage[] =
     "  --to text   the plain-text transcript (UTF-8)\n"
     "  --to html   the HTML document (UTF-8)\n"
     "  -o OUT      write to the file OUT (replaced whole) instead of standard output;\n"
-    "              into the folder OUT when it is one or ends in \"/\" (named after\n"
-    "              FILE, ending in .txt or .html); \"-o -\" is standard output\n"
+    "              into the folder OUT when it is one or ends in \"/\" (made when\n"
+    "              missing; the file is named after FILE, ending in .txt or .html);\n"
+    "              \"-o -\" is standard output\n"
     "\n"
     "FILE is an iChat 2 transcript (.chat) or an iChat 3 transcript (.ichat)\n"
     "named \"<party> on <date>.<extension>\".  The HTML is not sanitised: it holds\n"
@@ -97,6 +99,8 @@ int RunConvert(int argc, char** argv) {
 
   if (output && *output != "-") {
     std::string path = OutputPath(*output, *file, *format == "text" ? ".txt" : ".html");
+    std::error_code ec;
+    if (output->back() == '/') std::filesystem::create_directories(*output, ec);
     std::string error;
     if (!WriteFileAtomically(path, bytes, 0644, &error)) {
       std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",

@@ -237,7 +237,8 @@ int RunImport(int argc, char** argv) {
   const ContactLearner& learner = library.learner();
   if (learner.unmatched() > 0) {
     Line("Chats without their party:", learner.unmatched(),
-         " (no speaker has the name the file gives)");
+         library.learned().empty() ? " (no speaker has the name the file gives)"
+                                   : " (until the cards below were added)");
     if (!library.learned().empty()) {
       Line("Contact cards added:", static_cast<long long>(library.learned().size()),
            (" to " + Contacts::Folder() + "/Contacts.vcf").c_str());

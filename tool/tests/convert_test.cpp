@@ -51,10 +51,10 @@ TEST(Convert, WritesBothRenderings) {
     auto text = RunTool({"convert", home.path() + "/" + file, "--to", "text"});
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out, plain);
-    // -o: a file, standard output ("-"), or into a folder.
+    // -o: a file, standard output ("-"), or into a folder (made when missing).
     std::filesystem::create_directories(home.path() + "/out");
     for (auto [output, path] : {std::pair{"/out.html", "/out.html"}, std::pair{"-", ""},
-                                std::pair{"/out/", "/out/anna on 2005-03-08.html"},
+                                std::pair{"/new/", "/new/anna on 2005-03-08.html"},
                                 std::pair{"/out", "/out/anna on 2005-03-08.html"}}) {
       SCOPED_TRACE(output);
       std::string o = *output == '-' ? output : home.path() + output;

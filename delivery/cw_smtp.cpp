@@ -1,23 +1,15 @@
 #include "delivery/cw_smtp.h"
 
-#include <Poco/Exception.h>
-#include <Poco/Net/Context.h>
-#include <Poco/Net/NetException.h>
-#include <Poco/Net/NetSSL.h>
-#include <Poco/Net/SecureStreamSocket.h>
-#include <Poco/Net/SocketAddress.h>
-#include <Poco/Net/StreamSocket.h>
-#include <Poco/Net/X509Certificate.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
-#include <mutex>
 
+#include "delivery/mail_transport.h"
 #include "delivery/run_loop.h"
+#include "platform/module.h"
 
 namespace gab {
 
@@ -95,10 +87,6 @@ std::string EnvelopeAddress(std::string_view address) {
   return out;
 }
 
-Poco::Timespan ToTimespan(double seconds) {
-  return Poco::Timespan(Poco::Timespan::TimeDiff(std::max(0.001, seconds) * 1e6));
-}
-
 }  // namespace
 
 // How an exchange broke off: the peer stayed silent too long, or the
@@ -106,12 +94,15 @@ Poco::Timespan ToTimespan(double seconds) {
 class CWSMTP::Failure {
  public:
   explicit Failure(bool timedOut) : timedOut(timedOut) {}
+  // Throws the failure a transport call reported.
+  static void Check(TransportStatus status) {
+    if (status != TransportStatus::kOk) throw Failure(status == TransportStatus::kTimedOut);
+  }
   bool timedOut;
 };
 
 struct CWSMTP::Connection {
-  Poco::Net::StreamSocket socket;
-  bool secure = false;
+  std::unique_ptr<MailTransport> transport;
   std::string buffer;  // bytes received and not yet consumed
 };
 
@@ -132,7 +123,7 @@ CWSMTP::~CWSMTP() {
 }
 
 bool CWSMTP::isEncrypted() const {
-  return connection_ && connection_->secure;
+  return connection_ && connection_->transport->secure();
 }
 
 bool CWSMTP::connect(std::string* err) {
@@ -144,25 +135,20 @@ bool CWSMTP::connect(std::string* err) {
   if (name_.empty()) return fail("no mail server is set");
   if (port_ <= 0 || port_ > 65535)
     return fail("the port " + std::to_string(port_) + " is not valid");
-  auto connection = std::make_unique<Connection>();
-  try {
-    Poco::Net::SocketAddress address(name_, static_cast<Poco::UInt16>(port_));
-    connection->socket.connect(address, ToTimespan(timeout_));
-    connection->socket.setReceiveTimeout(ToTimespan(timeout_));
-    connection->socket.setSendTimeout(ToTimespan(timeout_));
-    connection->socket.setNoDelay(true);
-  } catch (const Poco::TimeoutException&) {
+  std::string why;
+  auto* module = LoadModule<MailModule>(kMailModuleFile, kMailModuleEntry, &why);
+  if (!module) return fail("mail cannot be sent: " + why);
+  auto status = TransportStatus::kOk;
+  auto transport = module->connect(name_, port_, timeout_, &status, &why);
+  if (status == TransportStatus::kTimedOut) {
     // A server that does not answer the connection counts as one that
     // stops answering later: the transfer ends with a time-out.
     state_ = State::kDone;
     Notify(&Delegate::connectionTimedOut);
     return true;
-  } catch (const Poco::Exception& e) {
-    return fail(e.displayText());
-  } catch (const std::exception& e) {
-    return fail(e.what());
   }
-  connection_ = std::move(connection);
+  if (!transport) return fail(why);
+  connection_ = std::make_unique<Connection>(Connection{std::move(transport), {}});
   state_ = State::kConnected;
   loop_->Post([this] { Handshake(); }, this);
   return true;
@@ -185,36 +171,17 @@ void CWSMTP::Finish(std::function<void()> Delegate::*callback) {
 void CWSMTP::Close(bool sayQuit) {
   if (!connection_) return;
   SigpipeGuard guard;
-  try {
-    if (sayQuit) {
-      // Polite but not awaited: the outcome is known already.
-      connection_->socket.setSendTimeout(ToTimespan(std::min(timeout_, 1.0)));
-      Send("QUIT\r\n");
-    }
-  } catch (...) {
-  }
-  try {
-    connection_->socket.close();
-  } catch (...) {
+  if (sayQuit) {
+    // Polite but not awaited: the outcome is known already.
+    connection_->transport->SetSendTimeout(std::min(timeout_, 1.0));
+    connection_->transport->Send("QUIT\r\n");
   }
   connection_.reset();
 }
 
 void CWSMTP::Send(std::string_view bytes) {
   SigpipeGuard guard;
-  try {
-    size_t off = 0;
-    while (off < bytes.size()) {
-      int n = connection_->socket.sendBytes(bytes.data() + off, int(bytes.size() - off),
-                                            connection_->secure ? 0 : MSG_NOSIGNAL);
-      if (n <= 0) throw Failure(n < 0);
-      off += size_t(n);
-    }
-  } catch (const Poco::TimeoutException&) {
-    throw Failure(true);
-  } catch (const Poco::Exception&) {
-    throw Failure(false);
-  }
+  Failure::Check(connection_->transport->Send(bytes));
 }
 
 int CWSMTP::ReadReply() {
@@ -226,17 +193,10 @@ int CWSMTP::ReadReply() {
     while ((nl = buf.find('\n')) == std::string::npos) {
       if (buf.size() > kMaxLine) throw Failure(false);
       char chunk[4096];
-      int n;
-      try {
-        n = connection_->socket.receiveBytes(chunk, sizeof chunk);
-      } catch (const Poco::TimeoutException&) {
-        throw Failure(true);
-      } catch (const Poco::Exception&) {
-        throw Failure(false);
-      }
+      size_t n = 0;
+      Failure::Check(connection_->transport->Receive(chunk, sizeof chunk, &n));
       if (n == 0) throw Failure(false);  // the server hung up
-      if (n < 0) throw Failure(true);    // TLS wants more than the time-out gave
-      buf.append(chunk, size_t(n));
+      buf.append(chunk, n);
     }
     std::string line = buf.substr(0, nl);
     buf.erase(0, nl + 1);
@@ -259,31 +219,9 @@ int CWSMTP::Command(std::string_view line) {
 }
 
 void CWSMTP::StartTLS() {
-  static std::once_flag once;
-  std::call_once(once, [] { Poco::Net::initializeSSL(); });
-  try {
-    // A fresh context per connection: the CA locations are read from the
-    // environment at the time of the transfer.
-    Poco::Net::Context::Ptr context = new Poco::Net::Context(
-        Poco::Net::Context::TLS_CLIENT_USE, "", Poco::Net::Context::VERIFY_RELAXED, 9, true);
-    context->disableProtocols(Poco::Net::Context::PROTO_SSLV2 | Poco::Net::Context::PROTO_SSLV3 |
-                              Poco::Net::Context::PROTO_TLSV1 | Poco::Net::Context::PROTO_TLSV1_1);
-    context->enableExtendedCertificateVerification(true);
-    SigpipeGuard guard;
-    Poco::Net::SecureStreamSocket secure =
-        Poco::Net::SecureStreamSocket::attach(connection_->socket, name_, context);
-    // The chain is checked during the handshake; the name is checked here,
-    // so that a trusted certificate for another host is refused as well.
-    if (!secure.havePeerCertificate() || !secure.peerCertificate().verify(name_))
-      throw Failure(false);
-    connection_->socket = secure;
-    connection_->secure = true;
-    connection_->buffer.clear();
-  } catch (const Poco::TimeoutException&) {
-    throw Failure(true);
-  } catch (const Poco::Exception&) {
-    throw Failure(false);
-  }
+  SigpipeGuard guard;
+  Failure::Check(connection_->transport->StartTLS(name_));
+  connection_->buffer.clear();
 }
 
 bool CWSMTP::Ehlo() {
@@ -311,7 +249,7 @@ void CWSMTP::Handshake() {
     if (ReadReply() != 220 || !Ehlo()) return Finish(&Delegate::messageNotSent);
     bool offered =
         std::find(extensions_.begin(), extensions_.end(), "STARTTLS") != extensions_.end();
-    if (!connection_->secure && offered) {
+    if (!connection_->transport->secure() && offered) {
       // Once offered, encryption is not optional: a refusal ends the transfer.
       if (Command("STARTTLS") != 220) return Finish(&Delegate::messageNotSent);
       StartTLS();

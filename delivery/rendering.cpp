@@ -1,5 +1,6 @@
 #include "delivery/rendering.h"
 
+#include "platform/contacts.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
 
@@ -8,6 +9,7 @@ namespace gab {
 std::u16string PlainChatLog(const ICLPChatLog& transcript) {
   // The header line has no line break of its own: the first message follows
   // on the same line, as it always has.
+  Contacts::Hold contacts;
   std::u16string out = u"Sent by Gabfolio ( " + std::u16string(kProductWebPage) + u" )";
   for (const auto& message : transcript.Messages())
     if (message && !message->isStatusMessage()) out += message->PlainString();
@@ -15,6 +17,7 @@ std::u16string PlainChatLog(const ICLPChatLog& transcript) {
 }
 
 AttributedString RichChatLog(const ICLPChatLog& transcript) {
+  Contacts::Hold contacts;
   AttributedString rich;
   rich.mutable_ = true;
   for (const auto& message : transcript.Messages()) {

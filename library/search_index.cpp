@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "library/chat_html.h"
+#include "platform/contacts.h"
 #include "platform/log.h"
 #include "platform/text.h"
 #include "platform/transcript_files.h"
@@ -492,6 +493,7 @@ int64_t SearchIndex::NameId(const std::string& name) {
 
 SearchIndex::Change SearchIndex::AddInTransaction(const std::string& key, int64_t size,
                                                   int64_t mtimeNs, const ICLPChatLog& log) {
+  Contacts::Hold contacts;
   Statements& s = *st_;
   int64_t id = -1, oldCount = 0;
   uint64_t oldHash = 0;

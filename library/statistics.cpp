@@ -9,6 +9,7 @@
 
 #include "library/gathering.h"
 #include "library/log_generator.h"
+#include "platform/contacts.h"
 #include "platform/data_folder.h"
 #include "platform/files.h"
 #include "platform/home.h"
@@ -105,6 +106,7 @@ std::string FillStatisticsTemplate(std::string page, const StatisticsTotals& t) 
 }
 
 void UpdateStatistics(const ICLPChatLog* transcript) {
+  Contacts::Hold contacts;
   const std::string folder = DataFolder();
   const std::string storePath = folder + "/" + kStoreName;
   const Date now = Date::Now();

@@ -1,12 +1,5 @@
 #include "library/viewer.h"
 
-#include <Poco/Net/HTTPRequestHandler.h>
-#include <Poco/Net/HTTPRequestHandlerFactory.h>
-#include <Poco/Net/HTTPServer.h>
-#include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTTPServerRequest.h>
-#include <Poco/Net/HTTPServerResponse.h>
-#include <Poco/Net/ServerSocket.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +7,8 @@
 #include <cerrno>
 #include <vector>
 
+#include "library/http_server.h"
+#include "platform/module.h"
 #include "platform/text.h"
 
 namespace gab {
@@ -160,121 +155,66 @@ LibraryFile ResolveLibraryRequest(const std::string& folder, std::string_view ta
 
 namespace {
 
-using Poco::Net::HTTPResponse;
-
-class FileHandler : public Poco::Net::HTTPRequestHandler {
- public:
-  FileHandler(const std::string& folder, ViewerPages* pages) : folder_(folder), pages_(pages) {}
-  void handleRequest(Poco::Net::HTTPServerRequest& request,
-                     Poco::Net::HTTPServerResponse& response) override {
-    // Chat text never runs as script here, whatever the page or file.
-    response.set("Content-Security-Policy", "script-src 'none'");
-    response.set("X-Content-Type-Options", "nosniff");
-    response.set("Cache-Control", "no-cache");
-    const std::string& method = request.getMethod();
-    if (method != "GET" && method != "HEAD") {
-      response.set("Allow", "GET, HEAD");
-      response.setStatusAndReason(HTTPResponse::HTTP_METHOD_NOT_ALLOWED);
-      response.setContentLength(0);
-      response.send();
-      return;
-    }
-    if (pages_ && ServePage(request, response)) return;
-    LibraryFile file = ResolveLibraryRequest(folder_, request.getURI());
-    if (file.status == 301) {
-      response.set("Location", file.location);
-      response.setStatusAndReason(HTTPResponse::HTTP_MOVED_PERMANENTLY);
-      response.setContentLength(0);
-      response.send();
-      return;
-    }
-    if (file.status != 200) {
-      response.setStatusAndReason(file.status == 403 ? HTTPResponse::HTTP_FORBIDDEN
-                                                     : HTTPResponse::HTTP_NOT_FOUND);
-      response.setContentType("text/plain; charset=utf-8");
-      std::string text = file.status == 403 ? "Forbidden\n" : "Not found\n";
-      response.setContentLength(std::streamsize(text.size()));
-      if (method == "HEAD") {
-        response.send();
-      } else {
-        response.sendBuffer(text.data(), text.size());
-      }
-      return;
-    }
-    response.setContentType(file.contentType);
-    response.setContentLength(std::streamsize(file.body.size()));
-    if (method == "HEAD") {
-      response.send();
-    } else {
-      response.sendBuffer(file.body.data(), file.body.size());
-    }
+// Answers one request: a page made on request, else a file of the folder.
+void Answer(const std::string& folder, ViewerPages* pages, const HttpRequest& request,
+            HttpResponse& response) {
+  // Chat text never runs as script here, whatever the page or file.
+  response.headers = {{"Content-Security-Policy", "script-src 'none'"},
+                      {"X-Content-Type-Options", "nosniff"},
+                      {"Cache-Control", "no-cache"}};
+  if (request.method != "GET" && request.method != "HEAD") {
+    response.headers.emplace_back("Allow", "GET, HEAD");
+    response.status = 405;
+    return;
   }
-
- private:
-  bool ServePage(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) {
-    std::string_view target = request.getURI();
+  if (pages) {
+    std::string_view target = request.target;
     target = target.substr(0, target.find('#'));
     size_t q = target.find('?');
     ViewerReply reply;
-    if (!pages_->Serve(target.substr(0, q),
-                       q == std::string_view::npos ? std::string_view() : target.substr(q + 1),
-                       reply))
-      return false;
-    for (const auto& [name, value] : reply.headers) response.set(name, value);
-    response.setStatusAndReason(HTTPResponse::HTTPStatus(reply.status));
-    response.setContentType(reply.contentType);
-    response.setContentLength(std::streamsize(reply.body.size()));
-    if (request.getMethod() == "HEAD")
-      response.send();
-    else
-      response.sendBuffer(reply.body.data(), reply.body.size());
-    return true;
+    if (pages->Serve(target.substr(0, q),
+                     q == std::string_view::npos ? std::string_view() : target.substr(q + 1),
+                     reply)) {
+      for (auto& header : reply.headers) response.headers.push_back(std::move(header));
+      response.status = reply.status;
+      response.contentType = std::move(reply.contentType);
+      response.body = std::move(reply.body);
+      return;
+    }
   }
-
-  const std::string& folder_;
-  ViewerPages* pages_;
-};
-
-class Factory : public Poco::Net::HTTPRequestHandlerFactory {
- public:
-  Factory(std::string folder, std::shared_ptr<ViewerPages> pages)
-      : folder_(std::move(folder)), pages_(std::move(pages)) {}
-  Poco::Net::HTTPRequestHandler* createRequestHandler(
-      const Poco::Net::HTTPServerRequest&) override {
-    return new FileHandler(folder_, pages_.get());
+  LibraryFile file = ResolveLibraryRequest(folder, request.target);
+  response.status = file.status;
+  if (file.status == 301) {
+    response.headers.emplace_back("Location", file.location);
+  } else if (file.status != 200) {
+    response.contentType = "text/plain; charset=utf-8";
+    response.body = file.status == 403 ? "Forbidden\n" : "Not found\n";
+  } else {
+    response.contentType = std::move(file.contentType);
+    response.body = std::move(file.body);
   }
-
- private:
-  std::string folder_;
-  std::shared_ptr<ViewerPages> pages_;
-};
+}
 
 }  // namespace
 
 struct LibraryViewer::Impl {
-  std::unique_ptr<Poco::Net::HTTPServer> server;
+  std::unique_ptr<HttpServer> server;
 };
 
 LibraryViewer::LibraryViewer(std::string folder, uint16_t port, std::shared_ptr<ViewerPages> pages)
     : impl_(std::make_unique<Impl>()) {
-  try {
-    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", port));
-    port_ = socket.address().port();
-    auto* params = new Poco::Net::HTTPServerParams;
-    params->setMaxThreads(4);
-    params->setKeepAlive(true);
-    impl_->server = std::make_unique<Poco::Net::HTTPServer>(
-        new Factory(std::move(folder), std::move(pages)), socket, params);
-    impl_->server->start();
-  } catch (const Poco::Exception& e) {
-    error_ = e.displayText();
-  } catch (const std::exception& e) {
-    error_ = e.what();
-  }
+  auto* module = LoadModule<HttpModule>(kHttpModuleFile, kHttpModuleEntry, &error_);
+  if (!module) return;
+  impl_->server = module->serve(
+      port, 4,
+      [folder = std::move(folder), pages = std::move(pages)](const HttpRequest& request,
+                                                             HttpResponse& response) {
+        Answer(folder, pages.get(), request, response);
+      },
+      &error_);
+  if (impl_->server) port_ = impl_->server->port();
 }
 
-LibraryViewer::~LibraryViewer() {
-  if (impl_->server) impl_->server->stopAll(true);
-}
+LibraryViewer::~LibraryViewer() = default;
 
 }  // namespace gab

@@ -5,6 +5,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "platform/contacts.h"
 #include "platform/log.h"
 #include "platform/report_error.h"
 #include "platform/transcript_files.h"
@@ -109,6 +110,7 @@ void Run::Save() {
 
 // Returns the transcript when it loaded.
 std::unique_ptr<ICLPChatLog> Run::Handle(const FoundTranscript& f, RecordEntry& e) {
+  Contacts::Hold contacts;
   const std::string full = options_.transcriptFolder + "/" + f.relativePath;
   e.size = f.size;
   e.mtimeNs = f.mtimeNs;

@@ -302,16 +302,50 @@ std::shared_ptr<const ContactFile> Contacts::Load(Cached& cache, const std::stri
   return cache.file;
 }
 
+namespace {
+
+// What the innermost Holds of this thread have looked at.
+struct Held {
+  int depth = 0;
+  std::shared_ptr<const ContactFile> me, cards;
+};
+thread_local Held held;
+
+}  // namespace
+
+Contacts::Hold::Hold() {
+  ++held.depth;
+}
+
+Contacts::Hold::~Hold() {
+  if (--held.depth == 0) held = Held{};
+}
+
+void Contacts::Hold::Refresh() {
+  held.me.reset();
+  held.cards.reset();
+}
+
+std::shared_ptr<const ContactFile> Contacts::LoadHeld(Cached& cache, const char* name, bool me) {
+  auto& slot = me ? held.me : held.cards;
+  if (held.depth > 0 && slot) return slot;
+  std::shared_ptr<const ContactFile> file;
+  {
+    std::lock_guard lock(mutex_);
+    file = Load(cache, Folder() + "/" + name);
+  }
+  if (held.depth > 0) slot = file;
+  return file;
+}
+
 std::shared_ptr<const ContactCard> Contacts::Me() {
-  std::lock_guard lock(mutex_);
-  auto file = Load(me_, Folder() + "/Me.vcf");
+  auto file = LoadHeld(me_, "Me.vcf", true);
   if (file->cards.empty()) return nullptr;
   return std::shared_ptr<const ContactCard>(file, &file->cards.front());
 }
 
 std::shared_ptr<const ContactCard> Contacts::FindByAIMHandle(const std::u16string& handle) {
-  std::lock_guard lock(mutex_);
-  auto file = Load(cards_, Folder() + "/Contacts.vcf");
+  auto file = LoadHeld(cards_, "Contacts.vcf", false);
   auto it = file->byAIM.find(handle);
   if (it == file->byAIM.end()) return nullptr;
   return std::shared_ptr<const ContactCard>(file, &file->cards[it->second]);

@@ -60,6 +60,20 @@ class Contacts {
   // Folder of the two files: ~/Library/Application Support/AddressBook.
   static std::string Folder();
 
+  // While a Hold lives, its thread looks at each file once: one operation
+  // (a rendering, a transcript's processing) sees one state of the contacts
+  // instead of checking the files again for every message.  Holds nest.
+  class Hold {
+   public:
+    Hold();
+    ~Hold();
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+    // Forgets what this thread's Holds have looked at: a file that the
+    // operation itself changed (a card it added) is looked at again.
+    static void Refresh();
+  };
+
  private:
   struct Cached {
     std::string path;
@@ -70,6 +84,8 @@ class Contacts {
   };
   // The parsed file, re-read when its identity, size or times changed.
   std::shared_ptr<const ContactFile> Load(Cached& cache, const std::string& path);
+  // The same, once per Hold.
+  std::shared_ptr<const ContactFile> LoadHeld(Cached& cache, const char* name, bool me);
 
   std::mutex mutex_;
   Cached me_, cards_;

@@ -62,11 +62,12 @@ std::optional<std::string> ReadRegularFile(const std::string& path, size_t limit
     return fail("the file is too large (" + std::to_string(st.st_size / (1024 * 1024)) +
                 " MiB; at most " + std::to_string(limit / (1024 * 1024)) + " MiB are read)");
   }
+  // One byte of room beyond the size tells a file that grew meanwhile
+  // without a second read or a doubled buffer.
   std::string data;
-  data.resize(size_t(st.st_size));
+  data.resize(size_t(st.st_size) + 1);
   size_t off = 0;
   for (;;) {
-    // One byte of room beyond the size tells a file that grew meanwhile.
     if (off == data.size()) {
       if (data.size() >= limit) break;
       data.resize(std::min(limit, data.size() + (1 << 16)));
@@ -103,6 +104,11 @@ bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t
     return false;
   };
   if (write_batch_internal::Hold(path, bytes, mode)) return true;
+  struct stat st {};
+  if (lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+    errno = S_ISDIR(st.st_mode) ? EISDIR : EEXIST;
+    return fail("not a regular file");
+  }
   // A hidden name beside the file: a process killed before the rename leaves
   // only this behind (see RemoveStaleTemporaryFiles).
   size_t slash = path.rfind('/');
@@ -140,6 +146,29 @@ bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t
     errno = saved;
     return fail("rename failed");
   }
+  return true;
+}
+
+bool WriteOutputFile(const std::string& path, std::string_view bytes, std::string* error) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0 || S_ISREG(st.st_mode) || S_ISDIR(st.st_mode))
+    return WriteFileAtomically(path, bytes, 0644, error);
+  int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    if (error) *error = std::string("cannot open: ") + std::strerror(errno);
+    return false;
+  }
+  for (size_t off = 0; off < bytes.size();) {
+    ssize_t n = ::write(fd, bytes.data() + off, bytes.size() - off);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      if (error) *error = std::string("write failed: ") + std::strerror(errno);
+      ::close(fd);
+      return false;
+    }
+    off += size_t(n);
+  }
+  ::close(fd);
   return true;
 }
 

@@ -19,9 +19,15 @@ std::optional<std::string> ReadRegularFile(const std::string& path, size_t limit
 size_t UntrustedFileLimit();
 
 // Replaces a file whole: a temporary file in the same folder, fsync, rename.
-// A reader sees the old or the new contents, never a mix.
+// A reader sees the old or the new contents, never a mix.  A path that names
+// a device, FIFO or socket is refused, never replaced.
 bool WriteFileAtomically(const std::string& path, std::string_view bytes, mode_t mode = 0644,
                          std::string* error = nullptr);
+
+// Writes a command's output file named by the user: a device or FIFO there
+// (/dev/null, /dev/stdout, a pipe) is written into, anything else replaced
+// atomically.
+bool WriteOutputFile(const std::string& path, std::string_view bytes, std::string* error = nullptr);
 
 bool FileExists(const std::string& path);
 

@@ -1,47 +1,21 @@
 #include "platform/image_size.h"
 
-#include <vips/vips.h>
+#include <string>
 
-#include <mutex>
+#include "platform/image_size_module.h"
+#include "platform/log.h"
+#include "platform/module.h"
 
 namespace gab {
-namespace {
-
-bool StartVips() {
-  static bool ok = [] {
-    if (VIPS_INIT("gabfolio") != 0) return false;
-    // Chat attachments are untrusted: only the loaders libvips vouches for.
-    vips_block_untrusted_set(TRUE);
-    // libvips counts its PDF loader as untrusted, yet the gallery needs the
-    // page size of PDF attachments; only the header (page size) is read.
-    vips_operation_block_set("VipsForeignLoadPdf", FALSE);
-    vips_cache_set_max(0);
-    return true;
-  }();
-  return ok;
-}
-
-}  // namespace
 
 PixelSize ImagePixelSize(std::string_view bytes) {
-  static std::mutex once;
-  {
-    std::lock_guard lock(once);
-    if (!StartVips()) return {};
-  }
-  if (bytes.empty()) return {};
-  // new_from_buffer reads the header only; pixels are decoded on demand, and
-  // we never ask for them.
-  VipsImage* image = vips_image_new_from_buffer(bytes.data(), bytes.size(), "", "access",
-                                                VIPS_ACCESS_SEQUENTIAL, nullptr);
-  if (!image) {
-    vips_error_clear();
-    return {};
-  }
-  PixelSize size{vips_image_get_width(image), vips_image_get_height(image)};
-  g_object_unref(image);
-  if (size.width < 0 || size.height < 0) return {};
-  return size;
+  static const ImageModule* module = [] {
+    std::string err;
+    auto* m = LoadModule<ImageModule>(kImageModuleFile, kImageModuleEntry, &err);
+    if (!m) NSLog("Image sizes are not available: " + err);
+    return m;
+  }();
+  return module ? module->pixelSize(bytes) : PixelSize{};
 }
 
 }  // namespace gab

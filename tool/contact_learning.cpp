@@ -166,6 +166,8 @@ bool ContactLearner::Append(std::vector<Card> cards, std::vector<Card>* written,
     *error = "cannot write " + path + ": " + why;
     return false;
   }
+  // The chat being counted now sees the new cards too.
+  Contacts::Hold::Refresh();
   return true;
 }
 

@@ -102,7 +102,7 @@ int RunConvert(int argc, char** argv) {
     std::error_code ec;
     if (output->back() == '/') std::filesystem::create_directories(*output, ec);
     std::string error;
-    if (!WriteFileAtomically(path, bytes, 0644, &error)) {
+    if (!WriteOutputFile(path, bytes, &error)) {
       std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",
                    EscapeControlCharacters(path).c_str(), EscapeControlCharacters(error).c_str());
       return kFailure;

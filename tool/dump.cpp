@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/contacts.h"
 #include "platform/dates.h"
 #include "platform/log.h"
 #include "platform/text.h"
@@ -82,6 +83,7 @@ void PrintMessage(FILE* out, size_t index, const ICLPInstantMessage& m) {
 }  // namespace
 
 int RunDump(int argc, char** argv) {
+  Contacts::Hold contacts;
   if (argc == 2 && (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)) {
     std::fputs(kDumpUsage, stdout);
     return kOk;

@@ -1,17 +1,13 @@
 // gabfolio status: the error state the agent reports and whether it runs.
-#include <signal.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
 #include "library/search_index.h"
-#include "platform/files.h"
 #include "platform/home.h"
 #include "platform/preferences.h"
+#include "tool/agent_state.h"
 #include "tool/commands.h"
 
 namespace gab::tool {
@@ -44,25 +40,6 @@ const char* Meaning(int32_t code) {
   }
 }
 
-// The process named in the pid file, when it is alive and is the agent.
-std::string AgentState() {
-  std::string pidPath = DataFolder() + "/pidfile";
-  auto text = ReadWholeFile(pidPath);
-  if (!text) return "not running";
-  char* end = nullptr;
-  long pid = std::strtol(text->c_str(), &end, 10);
-  if (text->empty() || *end || pid <= 0 || pid > 0x3fffffff)
-    return "not running (unreadable pidfile " + pidPath + ")";
-  bool alive = ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
-  if (alive) {
-    // A recycled pid belongs to some other program.
-    auto comm = ReadWholeFile("/proc/" + std::to_string(pid) + "/comm");
-    if (comm && comm->rfind("gabfolio-agent", 0) != 0) alive = false;
-  }
-  if (alive) return "running (pid " + std::to_string(pid) + ")";
-  return "not running (stale pidfile, pid " + std::to_string(pid) + ")";
-}
-
 }  // namespace
 
 int RunStatus(int argc, char** argv) {
@@ -84,7 +61,7 @@ int RunStatus(int argc, char** argv) {
   std::printf("errorStatus: %d (%s)\n", errorStatus, Meaning(errorStatus));
   std::printf("reportThis:  %s\n", report ? report->c_str() : "(none)");
   std::printf("emailFails:  %d\n", prefs.Int("emailFails"));
-  std::printf("agent:       %s\n", AgentState().c_str());
+  std::printf("agent:       %s\n", ReadAgentState().description.c_str());
   // From the search index as the last import, view or search left it.
   const std::string indexPath = SearchIndexPath(DataFolder());
   if (std::filesystem::exists(indexPath, ec)) {

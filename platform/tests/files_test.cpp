@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "platform/write_batch.h"
 
@@ -54,6 +55,33 @@ TEST_F(FilesTest, ReadsOnlyRegularFilesWithinTheLimit) {
     EXPECT_NE(why.find(c.why), std::string::npos) << why;
   }
   EXPECT_GE(UntrustedFileLimit(), size_t(64) << 20);
+}
+
+// An output named by the user may be a device or a pipe (-o /dev/null): it is
+// written into, never replaced by a regular file; stores never replace one.
+TEST_F(FilesTest, OutputIntoDevicesAndPipesKeepsThem) {
+  ASSERT_EQ(mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+  std::string received;
+  std::thread reader([&] {
+    std::ifstream in(dir_ / "fifo");
+    std::getline(in, received);
+  });
+  EXPECT_TRUE(WriteOutputFile((dir_ / "fifo").string(), "through the pipe\n"));
+  reader.join();
+  EXPECT_EQ(received, "through the pipe");
+  EXPECT_TRUE(WriteOutputFile("/dev/null", "gone"));
+  struct stat st {};
+  ASSERT_EQ(stat("/dev/null", &st), 0);
+  EXPECT_TRUE(S_ISCHR(st.st_mode));
+
+  std::string why;
+  EXPECT_FALSE(WriteFileAtomically((dir_ / "fifo").string(), "x", 0644, &why));
+  EXPECT_NE(why.find("not a regular file"), std::string::npos) << why;
+  ASSERT_EQ(lstat((dir_ / "fifo").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+  EXPECT_TRUE(WriteOutputFile((dir_ / "plain").string(), "new"));
+  std::ifstream plain(dir_ / "plain");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(plain), {}), "new");
 }
 
 // A batch reaches the disk whole at commit, or not at all; a journal left by

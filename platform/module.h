@@ -1,0 +1,25 @@
+#pragma once
+// Facilities that need a heavy library (libvips, libsystemd, xcb, Poco's
+// networking and TLS) live in small modules loaded on first use, so that a
+// command which never mails, sizes an image, asks the X server or alerts
+// never pays for loading those libraries.  The modules are found through the
+// programs' run path: the build tree's module folder, or the installed one.
+#include <string>
+
+namespace gab {
+
+// The entry point `symbol` of the module file `module` (a name such as
+// "gabfolio-images.so"), loaded once and kept for the life of the process.
+// Null when the module or its symbol cannot be found, with the reason in
+// `err`.  Safe to call from several threads.
+void* ModuleEntry(const char* module, const char* symbol, std::string* err = nullptr);
+
+// The module's interface: its entry point is an `extern "C"` function
+// without arguments that returns a pointer to `Api`.
+template <class Api>
+const Api* LoadModule(const char* module, const char* symbol, std::string* err = nullptr) {
+  void* entry = ModuleEntry(module, symbol, err);
+  return entry ? reinterpret_cast<const Api* (*)()>(entry)() : nullptr;
+}
+
+}  // namespace gab

@@ -1,5 +1,6 @@
 #include "transcript/chat_log.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -88,8 +89,14 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
   std::string_view extension = Extension(name);
   // The kind of file is its extension alone, compared exactly.
   bool iChat2 = extension == "chat";
-  if (!iChat2 && extension != "ichat")
+  if (!iChat2 && extension != "ichat") {
+    std::string lower(extension);
+    for (char& c : lower) c = char(std::tolower(static_cast<unsigned char>(c)));
+    if (lower == "chat" || lower == "ichat")
+      return fail("not taken as a transcript: the extension must be in lower case (." + lower +
+                  ")");
     return fail("not a transcript: the extension is not \"chat\" or \"ichat\"");
+  }
 
   auto log = std::make_unique<ICLPChatLog>();
   log->path_ = path;

@@ -39,7 +39,7 @@ TEST(Arguments, HelpAndErrors) {
       {{"dump", "-v"}, 2, "unknown option '-v'"},
       {{"dump", "@/Nobody on 2005.chat"}, 1, "cannot read the file"},
       {{"dump", "@/dir on 2005.chat"}, 1, "it is a folder, not a file"},
-      {{"dump", "@/Anna on 2005.CHAT"}, 1, "extension"},
+      {{"dump", "@/Anna on 2005.CHAT"}, 1, "the extension must be in lower case (.chat)"},
       {{"dump", "@/Anna on 2005.ichat"}, 1, "not an iChat transcript"},
       {{"dump", "@/Anna on 2005.chat"}, 1, "the file is empty"},
       {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},

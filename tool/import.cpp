@@ -62,14 +62,21 @@ enum class Learning { kAsk, kYes, kNo };
 // card learned here is in Contacts.vcf before the chat is counted.
 class ImportLibrary : public parser::TranscriptLibrary {
  public:
-  ImportLibrary(Preferences& prefs, Learning learning, std::function<bool()> ask)
-      : TranscriptLibrary(prefs), learning_(learning), ask_(std::move(ask)) {}
+  ImportLibrary(Preferences& prefs, std::string folder, Learning learning,
+                std::function<bool()> ask)
+      : TranscriptLibrary(prefs),
+        folder_(std::move(folder) + "/"),
+        learning_(learning),
+        ask_(std::move(ask)) {}
 
   std::unique_ptr<ICLPChatLog> Load(const std::string& path, std::string* reason) override {
     auto log = TranscriptLibrary::Load(path, reason);
     if (!log) return log;
     PartyCheck check = CheckParty(*log);
-    learner_.Note(check, path);
+    // Named as the summary names unreadable files: below the folder.
+    std::string_view where = path;
+    if (where.rfind(folder_, 0) == 0) where.remove_prefix(folder_.size());
+    learner_.Note(check, std::string(where));
     if (check.kind != PartyCheck::kLearnable) return log;
     if (learning_ == Learning::kAsk) learning_ = ask_() ? Learning::kYes : Learning::kNo;
     if (learning_ == Learning::kYes && error_.empty()) {
@@ -86,6 +93,7 @@ class ImportLibrary : public parser::TranscriptLibrary {
   bool declined() const { return learning_ == Learning::kNo; }
 
  private:
+  std::string folder_;
   Learning learning_;
   std::function<bool()> ask_;
   ContactLearner learner_;
@@ -199,7 +207,7 @@ int RunImport(int argc, char** argv) {
     if (!std::fgets(answer, sizeof answer, stdin)) return false;
     return answer[0] != 'n' && answer[0] != 'N';
   };
-  ImportLibrary library(prefs, learning, ask);
+  ImportLibrary library(prefs, options.transcriptFolder, learning, ask);
   parser::RunSummary s = parser::ProcessTranscripts(library, options);
   bar.Finish();
   if (!s.stopped) {

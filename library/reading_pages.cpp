@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "library/chat_html.h"
+#include "platform/files.h"
 #include "platform/image_size.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
@@ -216,8 +217,10 @@ struct ReadingPages::Cached {
   std::shared_ptr<ICLPChatLog> log;
 };
 
-ReadingPages::ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index)
+ReadingPages::ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index,
+                           std::string dataFolder)
     : transcriptFolder_(std::move(transcriptFolder)),
+      dataFolder_(std::move(dataFolder)),
       index_(std::move(index)),
       lastRefresh_(std::chrono::steady_clock::now()) {}
 
@@ -244,6 +247,11 @@ bool ReadingPages::Serve(std::string_view path, std::string_view query, ViewerRe
     reply = Chat(Get(q(), "t"));
   } else if (path == "/search") {
     reply = Search(query);
+  } else if (path == "/stats.html" && !dataFolder_.empty() &&
+             !FileExists(dataFolder_ + "/stats.html")) {
+    reply = Html(Shell("Statistics", "Stats", "", "",
+                       "<header><h1>Statistics</h1><p>None yet: they begin with the first chat "
+                       "counted, by 'gabfolio import' or by the agent.</p></header>\n"));
   } else if (path == "/attachment") {
     auto values = q();
     reply = Attachment(Get(values, "t"), Get(values, "m"), Get(values, "a"));

@@ -1035,6 +1035,17 @@ int64_t SearchIndex::MessageCount() {
   return n;
 }
 
+int64_t SearchIndex::ChatsWithoutTheirParty() {
+  if (!db_) return 0;
+  Stmt s(db_,
+         "SELECT count(*) FROM transcripts t WHERE t.unreadable = 0 AND t.grp = 0 AND "
+         "NOT EXISTS (SELECT 1 FROM messages m WHERE m.transcript = t.id AND m.side != ?1 "
+         "AND m.speaker = t.person)");
+  int64_t n = s.ok() && s.Bind(1, int64_t(kStatusSide)).Step() == SQLITE_ROW ? s.Int(0) : 0;
+  s.Reset();
+  return n;
+}
+
 // ---- Beside a processing run -------------------------------------------------
 
 void SearchIndexKeeper::OpenOnce() {

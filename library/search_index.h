@@ -142,6 +142,9 @@ class SearchIndex {
   // Every message of a chat in order, status lines too.
   std::vector<ChatMessage> ChatMessages(const std::string& key);
   int64_t MessageCount();  // searchable messages
+  // One-to-one chats in which no message comes from a speaker with the
+  // party's name (its words counted as the user's).
+  int64_t ChatsWithoutTheirParty();
 
  private:
   struct Statements;

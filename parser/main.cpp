@@ -45,6 +45,10 @@ int main(int argc, char** argv) {
     std::fputs(parser::kUsage, stdout);
     return 0;
   }
+  if (argc > 1 && (!std::strcmp(argv[1], "--version") || !std::strcmp(argv[1], "-V"))) {
+    std::printf("%s %s\n", "gabfolio-parser", GABFOLIO_VERSION);
+    return 0;
+  }
   const std::string data = DataFolder();
   struct stat st {};
   if (stat(data.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {

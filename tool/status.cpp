@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 
+#include "library/search_index.h"
 #include "platform/home.h"
 #include "platform/preferences.h"
 #include "tool/agent_state.h"
@@ -18,7 +19,9 @@ constexpr const char* kHelp =
     "Shows the error state the agent keeps in the preferences (errorStatus,\n"
     "reportThis, emailFails) and whether the agent runs, from its pid file\n"
     "~/Library/Gabfolio/pidfile.  Clear an error with\n"
-    "'gabfolio defaults write errorStatus -int 0'.\n";
+    "'gabfolio defaults write errorStatus -int 0'.  From the search index: how\n"
+    "many one-to-one chats have no speaker with the name their file gives the\n"
+    "other party (see 'gabfolio contacts --help').\n";
 
 const char* Meaning(int32_t code) {
   switch (code) {
@@ -44,10 +47,7 @@ int RunStatus(int argc, char** argv) {
     std::fputs(kHelp, stdout);
     return kOk;
   }
-  if (argc > 1) {
-    std::fputs(kHelp, stderr);
-    return kUsage;
-  }
+  if (argc > 1) return UsageError("status", "takes no arguments");
   std::error_code ec;
   if (!std::filesystem::is_directory(DataFolder(), ec)) {
     std::fprintf(stderr, "gabfolio status: not set up yet; run 'gabfolio setup' (it creates %s)\n",
@@ -62,6 +62,15 @@ int RunStatus(int argc, char** argv) {
   std::printf("reportThis:  %s\n", report ? report->c_str() : "(none)");
   std::printf("emailFails:  %d\n", prefs.Int("emailFails"));
   std::printf("agent:       %s\n", ReadAgentState().description.c_str());
+  // From the search index as the last import, view or search left it.
+  const std::string indexPath = SearchIndexPath(DataFolder());
+  if (std::filesystem::exists(indexPath, ec)) {
+    if (auto index = SearchIndex::Open(indexPath); index && index->Complete()) {
+      int64_t n = index->ChatsWithoutTheirParty();
+      std::printf("chats without their party: %lld%s\n", static_cast<long long>(n),
+                  n ? " (their words count as yours; see 'gabfolio contacts --help')" : "");
+    }
+  }
   return kOk;
 }
 

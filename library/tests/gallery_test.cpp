@@ -20,6 +20,11 @@ struct GalleryCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+// GoogleTest names a case by this instead of dumping the struct's bytes.
+void PrintTo(const GalleryCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class GalleryGolden : public ::testing::TestWithParam<GalleryCase> {};
 
 TEST_P(GalleryGolden, RebuildsEveryPageFromTheStore) {

@@ -24,6 +24,11 @@ struct PagesCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+// GoogleTest names a case by this instead of dumping the struct's bytes.
+void PrintTo(const PagesCase& c, std::ostream* os) {
+  *os << c.name;
+}
+
 class LinkPagesGolden : public ::testing::TestWithParam<PagesCase> {};
 
 TEST_P(LinkPagesGolden, RebuildsEveryPageFromTheStore) {

@@ -276,7 +276,8 @@ def main():
             os.makedirs(args.screenshots, exist_ok=True)
             shots = [("links-all", "Links.html", False), ("links-speaker", "Ann%20Lee.html", False),
                      ("gallery-all", "Images.html", False), ("gallery-speaker", "Ann%20Lee-images.html", False),
-                     ("links-all-phone", "Links.html", True), ("gallery-all-phone", "Images.html", True)]
+                     ("links-all-phone", "Links.html", True), ("gallery-all-phone", "Images.html", True),
+                     ("stats-not-yet", "stats.html", False)]
             for name, path, phone in shots:
                 tab.call("Emulation.setDeviceMetricsOverride", width=390 if phone else 1280,
                          height=844 if phone else 900, deviceScaleFactor=2 if phone else 1, mobile=phone)

@@ -27,7 +27,7 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   ASSERT_GT(pid, 0);
   std::string text;
   char buf[512];
-  while (text.find("Gallery:") == std::string::npos) {
+  while (text.find("Ctrl-C") == std::string::npos) {
     ssize_t n = read(out[0], buf, sizeof buf);
     if (n <= 0) break;
     text.append(buf, size_t(n));
@@ -35,7 +35,10 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   size_t at = text.find("http://127.0.0.1:");
   ASSERT_NE(at, std::string::npos) << text;
   int port = std::stoi(text.substr(at + 17));
-  EXPECT_NE(text.find("/Links.html"), std::string::npos) << text;
+  std::string origin = text.substr(at, text.find('\n', at) - at);
+  origin.resize(origin.rfind('/'));
+  for (const char* page : {"People:  ", "Links:   ", "Gallery: ", "Stats:   ", "Search:  "})
+    EXPECT_NE(text.find(std::string("\n  ") + page + origin + "/"), std::string::npos) << text;
 
   Poco::Net::HTTPClientSession session("127.0.0.1", Poco::UInt16(port));
   Poco::Net::HTTPRequest request("GET", "/bob%20smith.html", Poco::Net::HTTPMessage::HTTP_1_1);

@@ -218,7 +218,7 @@ std::string TsvField(std::string_view text) {
   return out;
 }
 
-NameSpace::NameSpace(std::vector<std::string> reserved) {
+NameSpace::NameSpace(std::vector<std::string> reserved, bool extensions) : extensions_(extensions) {
   for (const auto& r : reserved) taken_.insert(Folded(r));
 }
 
@@ -227,8 +227,10 @@ std::string NameSpace::Claim(const std::string& name, const std::string& identit
   if (known != byIdentity_.end()) return known->second;
   std::string candidate = name;
   std::string suffix = Hex(Hash64(identity), 8);
-  for (int n = 1; taken_.count(Folded(candidate)); ++n)
-    candidate = WithSuffix(name, n == 1 ? suffix : suffix + "-" + std::to_string(n));
+  for (int n = 1; taken_.count(Folded(candidate)); ++n) {
+    std::string tail = n == 1 ? suffix : suffix + "-" + std::to_string(n);
+    candidate = extensions_ ? WithSuffix(name, tail) : name + "-" + tail;
+  }
   taken_.insert(Folded(candidate));
   byIdentity_.emplace(identity, candidate);
   return candidate;
@@ -244,7 +246,7 @@ ChatPlaces::Place ChatPlaces::For(const Chat& chat) {
   if (size_t dot = stem.rfind('.'); dot != std::string_view::npos && dot > 0)
     stem = stem.substr(0, dot);
   auto& names = folders_.try_emplace(place.folder, reservedInFolder_).first->second;
-  place.stem = names.Claim(SafeName(stem), chat.key);
+  place.stem = names.Claim(SafeName(stem), chat.key + "\n" + Hex(Hash64(chat.bytes)));
   return place;
 }
 
@@ -335,7 +337,7 @@ bool OutputFolder::Open(const std::string& path, Format format,
     std::error_code ec;
     std::filesystem::create_directories(path_, ec);
     if (ec) return fail("cannot make the folder " + path_ + ": " + ec.message());
-    return true;
+    return SaveRecord(false, error);
   }
   if (!S_ISDIR(st.st_mode)) return fail(path_ + " is not a folder");
   std::string readError;
@@ -354,7 +356,7 @@ bool OutputFolder::Open(const std::string& path, Format format,
       }
       from = end;
     }
-    return true;
+    return SaveRecord(false, error);
   }
   DIR* dir = opendir(path_.c_str());
   if (!dir) return fail(SystemError("cannot read the folder " + path_));
@@ -362,9 +364,27 @@ bool OutputFolder::Open(const std::string& path, Format format,
   while (dirent* e = readdir(dir))
     if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0) empty = false;
   closedir(dir);
-  if (empty || (accept && accept(path_))) return true;
+  // The record is there from the start: a run killed half-way leaves a
+  // folder the next export takes up.
+  if (empty || (accept && accept(path_))) return SaveRecord(false, error);
   return fail(path_ +
               " is not empty and holds no export of Gabfolio; choose an empty or a new folder");
+}
+
+bool OutputFolder::SaveRecord(bool complete, std::string* error) {
+  std::string record = formatLine_ + "\n";
+  for (const auto& [rel, key] : written_) record += TsvField(key) + "\t" + TsvField(rel) + "\n";
+  for (const auto& [key, rel] : earlier_) {
+    if (written_.count(rel)) continue;
+    if (!complete || kept_.count(key)) {
+      record += TsvField(key) + "\t" + TsvField(rel) + "\n";
+    } else {
+      Remove(rel);
+    }
+  }
+  ReplacedFile file;
+  return file.Open(path_ + "/" + kRecordName, error) && file.Write(record) &&
+         file.Commit(error, true);
 }
 
 bool OutputFolder::MakeFolders(const std::string& relative, std::string* error) {
@@ -427,19 +447,7 @@ bool OutputFolder::Remove(const std::string& relative) {
 }
 
 bool OutputFolder::Finish(bool complete, std::string* error) {
-  std::string record = formatLine_ + "\n";
-  for (const auto& [rel, key] : written_) record += TsvField(key) + "\t" + TsvField(rel) + "\n";
-  for (const auto& [key, rel] : earlier_) {
-    if (written_.count(rel)) continue;
-    if (!complete || kept_.count(key)) {
-      record += TsvField(key) + "\t" + TsvField(rel) + "\n";
-    } else {
-      Remove(rel);
-    }
-  }
-  ReplacedFile file;
-  bool ok =
-      file.Open(path_ + "/" + kRecordName, error) && file.Write(record) && file.Commit(error, true);
+  bool ok = SaveRecord(complete, error);
   // One sync for every file written.
   int fd = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd >= 0) {

@@ -31,16 +31,19 @@ std::string WithSuffix(const std::string& name, const std::string& suffix);
 // of itself.
 class NameSpace {
  public:
-  explicit NameSpace(std::vector<std::string> reserved = {});
+  // With `extensions`, the hash goes before a name's extension.
+  explicit NameSpace(std::vector<std::string> reserved = {}, bool extensions = false);
   std::string Claim(const std::string& name, const std::string& identity);
 
  private:
+  bool extensions_;
   std::set<std::string> taken_;  // folded
   std::unordered_map<std::string, std::string> byIdentity_;
 };
 
 // Where a chat goes in the folder formats: a folder per person, a file stem
-// per chat (both SafeNames, unique among their neighbours).
+// per chat (both SafeNames, unique among their neighbours; two transcripts
+// of the same key but other bytes, from two folders, get two stems).
 class ChatPlaces {
  public:
   // `reservedTop` and `reservedInFolder` are names the format uses itself.
@@ -112,6 +115,9 @@ class OutputFolder {
 
  private:
   bool Remove(const std::string& relative);
+  // Writes the record: what this export wrote, and what the earlier one
+  // wrote that stays (all of it unless `complete`; the rest is removed).
+  bool SaveRecord(bool complete, std::string* error);
   std::string path_, formatLine_;
   std::vector<std::pair<std::string, std::string>> earlier_;  // key, relative path
   std::set<std::string> earlierPaths_;

@@ -86,7 +86,7 @@ class SiteWriter : public Writer {
       if (m && m->timestamp && !first) first = m->timestamp;
     Date time = first.value_or(chat.fileTime);
     e.first = e.last = time;
-    NameSpace files;
+    NameSpace files({}, true);
     std::vector<std::pair<std::string, const FileWrapper*>> pending;
     std::map<const ICLPPresentity*, std::pair<std::string, ChatMessage::Side>> speakers;
     std::vector<ChatMessage> messages;

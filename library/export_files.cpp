@@ -439,8 +439,8 @@ bool OutputFolder::Remove(const std::string& relative) {
   if (lstat(full.c_str(), &st) != 0 || S_ISDIR(st.st_mode) || ::unlink(full.c_str()) != 0)
     return false;
   // Folders the export made and left empty go too.
-  for (size_t slash = where.rfind('/'); slash != std::string::npos && slash > 0;
-       slash = where.rfind('/', slash - 1)) {
+  for (size_t slash = pruneFolders ? where.rfind('/') : std::string::npos;
+       slash != std::string::npos && slash > 0; slash = where.rfind('/', slash - 1)) {
     if (::rmdir((path_ + "/" + where.substr(0, slash)).c_str()) != 0) break;
   }
   return true;

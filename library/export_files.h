@@ -108,6 +108,8 @@ class OutputFolder {
   bool EarlierHolds(const std::string& relative) const;
   // Where a recorded file is now ("" when gone); by default the recorded path.
   std::function<std::string(const std::string&)> locate;
+  // Whether a folder left empty by a removal goes too.
+  bool pruneFolders = true;
   // Completes the export: with `complete`, removes what the earlier export
   // wrote and this one did not (unless its chat was kept), then saves the
   // record; otherwise (stopped half-way) the record keeps both.

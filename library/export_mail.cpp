@@ -178,6 +178,7 @@ class MaildirWriter : public Writer {
       }
       if (dir) closedir(dir);
     }
+    folder_.pruneFolders = false;  // a Maildir keeps cur, new and tmp
     folder_.locate = [this](const std::string& relative) {
       auto it = files_.find(relative.substr(relative.find('/') + 1));
       return it == files_.end() ? relative : it->second;

@@ -223,6 +223,10 @@ class SiteWriter : public Writer {
     std::string main = "<header><h1>People</h1><p>" +
                        Count(int64_t(people.size()), " person or group, ", " people and groups, ") +
                        Count(chatCount, " chat", " chats") + ".</p></header>\n";
+    if (people.empty()) {
+      main += "<p class=\"card\" style=\"padding:16px\">No chats were exported.</p>\n";
+      return folder_.Write("index.html", Page("People", "", "", main), "", error);
+    }
     main +=
         "<div class=\"card\"><table class=\"people\"><thead><tr><th>Name</th><th>Chats</th>"
         "<th>Messages</th><th>First chat</th><th>Last chat</th></tr></thead><tbody>\n";

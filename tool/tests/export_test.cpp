@@ -253,6 +253,16 @@ TEST(Export, HostileNamesBrokenFilesAndReplacing) {
       EXPECT_LT(second.size(), first.size());
     }
     EXPECT_TRUE(std::includes(first.begin(), first.end(), second.begin(), second.end()));
+    // And with nobody selected, nothing is left but the export's own files.
+    RunTool({"export", "-f", format, "--with", "Nobody", (root / "chats").string(), "-o",
+             out.string()});
+    if (firstSize) {
+      EXPECT_LE(fs::file_size(out), 40u);
+    } else {
+      for (const auto& f : Tree(out))
+        EXPECT_TRUE(f == ".gabfolio-export" || f == "index.html" || f == "style.css") << f;
+    }
+    EXPECT_TRUE(std::string(format) != "maildir" || fs::is_directory(out / "cur"));
   }
   // Nothing landed outside the exports, and the transcripts are untouched.
   std::set<std::string> top;

@@ -19,6 +19,7 @@ int RunStatus(int, char**);
 int RunImport(int, char**);
 int RunDump(int, char**);
 int RunConvert(int, char**);
+int RunExport(int, char**);
 int RunRebuild(int, char**);
 int RunView(int, char**);
 int RunSearch(int, char**);
@@ -34,6 +35,7 @@ const std::vector<Command>& Commands() {
       {"import", "add existing transcripts to the library without mailing", RunImport},
       {"dump", "print a decoded transcript", RunDump},
       {"convert", "write a transcript as plain text or HTML", RunConvert},
+      {"export", "write chats as mbox, Maildir, .eml, a web site, text or TSV", RunExport},
       {"rebuild", "rebuild the links pages and the gallery from the stores", RunRebuild},
       {"view", "serve the library and the chats on 127.0.0.1 for a browser", RunView},
       {"search", "search every chat for words, phrases or prefixes", RunSearch},

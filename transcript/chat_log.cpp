@@ -81,6 +81,17 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
 
 std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& path,
                                                            std::string* why) {
+  return Init(path, nullptr, why);
+}
+
+std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFileData(const std::string& path,
+                                                           std::string_view data,
+                                                           std::string* why) {
+  return Init(path, &data, why);
+}
+
+std::unique_ptr<ICLPChatLog> ICLPChatLog::Init(const std::string& path,
+                                               const std::string_view* given, std::string* why) {
   auto fail = [&](std::string reason) -> std::unique_ptr<ICLPChatLog> {
     if (why) *why = std::move(reason);
     return nullptr;
@@ -101,16 +112,18 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
   auto log = std::make_unique<ICLPChatLog>();
   log->path_ = path;
   std::string readError;
-  std::optional<std::string> data = ReadRegularFile(path, UntrustedFileLimit(), &readError);
+  std::optional<std::string> read;
+  if (!given) read = ReadRegularFile(path, UntrustedFileLimit(), &readError);
   bool loaded;
-  if (!data) {
+  if (!given && !read) {
     log->Fail(readError);
     loaded = false;
   } else if (auto wrong = WrongKind(*data, iChat2)) {
     log->Fail(*wrong);
     loaded = false;
   } else {
-    loaded = iChat2 ? log->LoadiChat2Data(*data) : log->LoadiChat3Data(*data);
+    std::string_view data = given ? *given : std::string_view(*read);
+    loaded = iChat2 ? log->LoadiChat2Data(data) : log->LoadiChat3Data(data);
   }
   if (!loaded) return fail(log->loadError_);
 

@@ -1,4 +1,5 @@
 #include <poll.h>
+#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,11 +11,13 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/agent.h"
 #include "library/log_generator.h"
 #include "platform/home.h"
 #include "platform/log.h"
+#include "platform/pass_note.h"
 #include "platform/preferences.h"
 #include "platform/report_error.h"
 #include "transcript/chat_log.h"
@@ -49,28 +52,33 @@ void StoreErrorStatusZero(Preferences& prefs) {
   prefs.AppSynchronize();
 }
 
-// Runs the parser once, as its own only argument, and waits for it at most
-// `cycleLimit` cycles.
-void RunParser(const std::optional<std::string>& parserPath, int cycleLimit) {
+// Runs the parser once, as its own only argument, in the environment `env`,
+// and waits for it at most `cycleLimit` cycles.  A parser that cannot be
+// started counts as one that ended at once.
+void RunParser(const std::optional<std::string>& parserPath, char* const* env, int cycleLimit) {
+  if (!parserPath) return;
   std::fflush(nullptr);
-  pid_t pid = ::fork();
-  if (pid < 0) {
-    NSLog(std::string("Unable to start the log parser: ") + std::strerror(errno));
+  // posix_spawn starts the child without copying the agent's address space
+  // (a fork per folder entry was most of a pass); the child takes the
+  // default action for the termination signals, not the agent's handler.
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t defaults;
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGTERM);
+  sigaddset(&defaults, SIGQUIT);
+  posix_spawnattr_setsigdefault(&attr, &defaults);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+  char* const argv[] = {const_cast<char*>(parserPath->c_str()), nullptr};
+  pid_t pid = -1;
+  int rc = posix_spawn(&pid, argv[0], nullptr, &attr, argv, env);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) {
+    // A missing or unrunnable parser says nothing; only a failed start of
+    // any process is worth a line.
+    if (rc == EAGAIN || rc == ENOMEM)
+      NSLog(std::string("Unable to start the log parser: ") + std::strerror(rc));
     return;
-  }
-  if (pid == 0) {
-    // Until the exec, a termination signal must not run the agent's handler.
-    ::signal(SIGTERM, SIG_DFL);
-    ::signal(SIGQUIT, SIG_DFL);
-    if (parserPath) {
-      const char* path = parserPath->c_str();
-      if (::execl(path, path, static_cast<char*>(nullptr)) == 0) {
-        std::puts("Error launching monitor.");
-        std::fflush(stdout);
-        _exit(0);
-      }
-    }
-    _exit(1);
   }
 
   // A pidfd lets each cycle end as soon as the parser exits, and a signal
@@ -133,6 +141,17 @@ void ExtractChatLogs(int cycleLimit) {
   if (!ApplyErrorGate(GatePoint::kStart)) return;
   NSLog("*****START***** Activity in log folder, scanning...");
   std::optional<std::string> parserPath = prefs.String("parserPath");
+  // The parser's environment: ours, and the note its runs of this pass share
+  // (made before any fork, as a child may only exec).
+  PassNote note;
+  std::vector<char*> env;
+  for (char** e = environ; *e; ++e)
+    if (std::strncmp(*e, kPassNoteVariable, std::strlen(kPassNoteVariable)) != 0 ||
+        (*e)[std::strlen(kPassNoteVariable)] != '=')
+      env.push_back(*e);
+  std::string entry = note.environmentEntry();
+  if (!entry.empty()) env.push_back(entry.data());
+  env.push_back(nullptr);
 
   // Every entry counts, folders and the contents of subfolders included;
   // linked folders are not followed.
@@ -141,7 +160,7 @@ void ExtractChatLogs(int cycleLimit) {
   for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!ApplyErrorGate(GatePoint::kEntry)) break;
     prefs.CopyAppValue("emailAddress");
-    RunParser(parserPath, cycleLimit);
+    RunParser(parserPath, env.data(), cycleLimit);
     if (!keepRunning) return;
   }
 

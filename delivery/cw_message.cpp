@@ -86,6 +86,15 @@ uint64_t RandomWord() {
   return rng() ^ (counter++ << 48);
 }
 
+// The next word of a seeded sequence (splitmix64), or a random one.
+uint64_t BoundaryWord(uint64_t* seed) {
+  if (!seed) return RandomWord();
+  uint64_t z = (*seed += 0x9E3779B97F4A7C15ull);
+  z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+  z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+  return z ^ (z >> 31);
+}
+
 std::string Hex(uint64_t v) {
   char buf[17];
   std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(v));
@@ -108,10 +117,12 @@ size_t LongestLine(std::string_view s) {
 // A phrase (display name) for an address header.
 std::string EncodePhrase(std::string_view name) {
   if (!IsPrintableAscii(name) || name.size() > 900) return mime::EncodeHeaderValue(name);
+  // Atoms and spaces go as they are; anything else ("." and "@" too) is
+  // quoted.
   bool plain = true;
   for (unsigned char c : name)
     if (!(isalnum(c) || c == ' ' ||
-          std::string_view("!#$%&'*+-/=?^_`{|}~.").find(char(c)) != std::string_view::npos)) {
+          std::string_view("!#$%&'*+-/=?^_`{|}~").find(char(c)) != std::string_view::npos)) {
       plain = false;
       break;
     }
@@ -124,9 +135,67 @@ std::string EncodePhrase(std::string_view name) {
   return q + "\"";
 }
 
+std::string MultipartData(const std::string& contentType, const std::optional<std::string>& charset,
+                          const CWMIMEMultipart& multipart, uint64_t* seed) {
+  std::vector<std::string> bodies;
+  for (const auto& p : multipart.parts()) bodies.push_back(p.DataValue(seed));
+  std::string boundary;
+  for (bool clash = true; clash;) {
+    boundary = "=_gabfolio_" + Hex(BoundaryWord(seed));
+    clash = false;
+    for (const auto& b : bodies) clash = clash || b.find(boundary) != std::string::npos;
+  }
+  std::string type = WithoutControls(contentType);
+  if (charset) type += "; charset=\"" + WithoutControls(*charset) + "\"";
+  std::string out = "Content-Type: " + type + ";\r\n\tboundary=\"" + boundary + "\"\r\n";
+  out += "Content-Transfer-Encoding: 7bit\r\n";
+  out += "\r\n";
+  for (const auto& b : bodies) {
+    out += "--" + boundary + "\r\n";
+    // The CR LF before a delimiter belongs to the delimiter, not the part.
+    out += b + "\r\n";
+  }
+  out += "--" + boundary + "--\r\n";
+  return out;
+}
+
 }  // namespace
 
 namespace mime {
+
+std::string Base64Lines(std::string_view bytes) {
+  std::string encoded = Base64(bytes);
+  std::string out;
+  out.reserve(encoded.size() + encoded.size() / 38 + 2);
+  for (size_t i = 0; i < encoded.size(); i += 76) {
+    if (i) out += "\r\n";
+    out.append(encoded, i, 76);
+  }
+  return out;
+}
+
+std::string FilenameParameter(std::string_view name, std::string_view utf8) {
+  // At most 200 bytes, cut between characters: the line stays far below 998.
+  if (utf8.size() > 200) {
+    size_t cut = 200;
+    while (cut > 0 && (uint8_t(utf8[cut]) & 0xC0) == 0x80) --cut;
+    utf8 = utf8.substr(0, cut);
+  }
+  bool quotable = IsPrintableAscii(utf8) && utf8.find_first_of("\"\\") == std::string_view::npos;
+  if (quotable) return std::string(name) + "=\"" + std::string(utf8) + "\"";
+  static const char* kHex = "0123456789ABCDEF";
+  std::string out = std::string(name) + "*=utf-8''";
+  for (unsigned char c : utf8) {
+    if (isalnum(c) || std::string_view("!#$&+-.^_`|~").find(char(c)) != std::string_view::npos) {
+      out += char(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
 
 std::string EncodeHeaderValue(std::string_view utf8) {
   if (IsPrintableAscii(utf8) && utf8.size() <= 900) return std::string(utf8);
@@ -248,18 +317,33 @@ std::optional<std::string> CWPart::EffectiveCharset() const {
   return std::nullopt;
 }
 
-std::string CWPart::DataValue() const {
+void CWPart::setContent(CWMIMEMultipart parts) {
+  multipart_ = std::make_shared<const CWMIMEMultipart>(std::move(parts));
+  bytes_.clear();
+  isString_ = false;
+}
+
+std::string CWPart::DataValue(uint64_t* boundarySeed) const {
+  if (multipart_) return MultipartData(contentType_, charset_, *multipart_, boundarySeed);
   std::string type = WithoutControls(contentType_);
   if (auto cs = EffectiveCharset()) type += "; charset=\"" + WithoutControls(*cs) + "\"";
+  if (filename_) type += ";\r\n\t" + mime::FilenameParameter("name", *filename_);
   // Plain 7-bit text travels as it is; anything else is quoted-printable,
   // which also folds lines that would pass the 998-octet limit.
-  bool sevenBit =
-      IsAscii(bytes_) && bytes_.find('\0') == std::string::npos && LongestLine(bytes_) <= 998;
+  bool base64 = transferEncoding_ == kEncodingBase64;
+  bool sevenBit = !base64 && IsAscii(bytes_) && bytes_.find('\0') == std::string::npos &&
+                  LongestLine(bytes_) <= 998;
   std::string out = "Content-Type: " + type + "\r\n";
-  out += sevenBit ? "Content-Transfer-Encoding: 7bit\r\n"
-                  : "Content-Transfer-Encoding: quoted-printable\r\n";
+  out += base64     ? "Content-Transfer-Encoding: base64\r\n"
+         : sevenBit ? "Content-Transfer-Encoding: 7bit\r\n"
+                    : "Content-Transfer-Encoding: quoted-printable\r\n";
+  if (filename_)
+    out += "Content-Disposition: attachment;\r\n\t" +
+           mime::FilenameParameter("filename", *filename_) + "\r\n";
   out += "\r\n";
-  out += sevenBit ? mime::NormalizeLineEnds(bytes_) : mime::QuotedPrintable(bytes_);
+  out += base64     ? mime::Base64Lines(bytes_)
+         : sevenBit ? mime::NormalizeLineEnds(bytes_)
+                    : mime::QuotedPrintable(bytes_);
   return out;
 }
 
@@ -269,7 +353,7 @@ void CWMessage::setSubject(std::u16string_view subject) {
 
 std::string CWMessage::DataValue() const {
   std::string out;
-  out += "Date: " + mime::RFC5322Date(double(std::time(nullptr))) + "\r\n";
+  out += "Date: " + mime::RFC5322Date(date_.value_or(double(std::time(nullptr)))) + "\r\n";
   if (from_) out += "From: " + from_->HeaderValue() + "\r\n";
   std::string to, cc;
   for (const auto& r : recipients_) {
@@ -283,32 +367,19 @@ std::string CWMessage::DataValue() const {
   if (!to.empty()) out += "To: " + to + "\r\n";
   if (!cc.empty()) out += "Cc: " + cc + "\r\n";
   out += "Subject: " + mime::EncodeHeaderValue(subject_) + "\r\n";
-  out += "Message-ID: <" + Hex(RandomWord()) + "." + std::to_string(getpid()) + "@" + HostPart() +
-         ">\r\n";
+  std::string id = messageID_
+                       ? WithoutControls(*messageID_)
+                       : Hex(RandomWord()) + "." + std::to_string(getpid()) + "@" + HostPart();
+  out += "Message-ID: <" + id + ">\r\n";
   out += "MIME-Version: 1.0\r\n";
+  uint64_t fixedSeed = 0;
+  for (unsigned char c : id) fixedSeed = (fixedSeed ^ c) * 0x100000001B3ull;
+  uint64_t* seed = messageID_ ? &fixedSeed : nullptr;
 
   if (const auto* multipart = std::get_if<CWMIMEMultipart>(&content_)) {
-    std::vector<std::string> bodies;
-    for (const auto& p : multipart->parts()) bodies.push_back(p.DataValue());
-    std::string boundary;
-    for (bool clash = true; clash;) {
-      boundary = "=_gabfolio_" + Hex(RandomWord());
-      clash = false;
-      for (const auto& b : bodies) clash = clash || b.find(boundary) != std::string::npos;
-    }
-    std::string type = WithoutControls(contentType_);
-    if (charset_) type += "; charset=\"" + WithoutControls(*charset_) + "\"";
-    out += "Content-Type: " + type + ";\r\n\tboundary=\"" + boundary + "\"\r\n";
-    out += "Content-Transfer-Encoding: 7bit\r\n";
-    out += "\r\n";
-    for (const auto& b : bodies) {
-      out += "--" + boundary + "\r\n";
-      // The CR LF before a delimiter belongs to the delimiter, not the part.
-      out += b + "\r\n";
-    }
-    out += "--" + boundary + "--\r\n";
+    out += MultipartData(contentType_, charset_, *multipart, seed);
   } else if (const auto* part = std::get_if<CWPart>(&content_)) {
-    out += part->DataValue();
+    out += part->DataValue(seed);
   } else {
     out += "Content-Type: text/plain; charset=\"us-ascii\"\r\n\r\n";
   }

@@ -7,17 +7,10 @@
 #include "transcript/chat_log.h"
 
 namespace gab {
+namespace {
 
-CWMessage BuildMail(std::u16string_view subject, const std::optional<std::string>& from,
-                    const std::optional<std::string>& to, std::u16string_view plain,
-                    std::string html) {
-  CWMessage message;
-  message.setSubject(subject);
-  CWInternetAddress sender(from);
-  CWInternetAddress recipient(to);
-  recipient.setType(CWInternetAddress::kTo);
-  message.setFrom(sender);
-  message.addRecipient(recipient);
+// The two alternatives: the plain text, then the HTML.
+CWMIMEMultipart AlternativeParts(std::u16string_view plain, std::string html) {
   CWMIMEMultipart content;
   CWPart plainPart;
   plainPart.setContentType("text/plain");
@@ -28,31 +21,60 @@ CWMessage BuildMail(std::u16string_view subject, const std::optional<std::string
   htmlPart.setContent(std::move(html));
   htmlPart.setCharset("utf-8");
   content.addPart(htmlPart);
-  message.setContentType("multipart/alternative");
-  message.setContentTransferEncoding(kEncodingNone);
-  message.setCharset("utf-8");
-  message.setContent(std::move(content));
-  return message;
+  return content;
 }
 
-std::unique_ptr<CWSMTP> SMTPClientFor(CWMessage message) {
-  auto& prefs = Preferences::Shared();
-  auto smtp =
-      std::make_unique<CWSMTP>(prefs.String("emailServer").value_or(""), prefs.Int("emailPort"));
-  smtp->setMessage(std::move(message));
-  return smtp;
+}  // namespace
+
+CWMessage BuildMail(std::u16string_view subject, const std::optional<std::string>& from,
+                    const std::optional<std::string>& to, std::u16string_view plain,
+                    std::string html) {
+  CWInternetAddress recipient(to);
+  recipient.setType(CWInternetAddress::kTo);
+  return BuildMail(subject, CWInternetAddress(from), {recipient}, plain, std::move(html));
+}
+
+CWMessage BuildMail(std::u16string_view subject, CWInternetAddress from,
+                    std::vector<CWInternetAddress> to, std::u16string_view plain, std::string html,
+                    std::vector<CWPart> attachments) {
+  CWMessage message;
+  message.setSubject(subject);
+  message.setFrom(std::move(from));
+  for (auto& recipient : to) message.addRecipient(std::move(recipient));
+  CWMIMEMultipart alternatives = AlternativeParts(plain, std::move(html));
+  if (attachments.empty()) {
+    message.setContentType("multipart/alternative");
+    message.setCharset("utf-8");
+    message.setContent(std::move(alternatives));
+  } else {
+    CWPart text;
+    text.setContentType("multipart/alternative");
+    text.setCharset("utf-8");
+    text.setContent(std::move(alternatives));
+    CWMIMEMultipart mixed;
+    mixed.addPart(std::move(text));
+    for (auto& part : attachments) mixed.addPart(std::move(part));
+    message.setContentType("multipart/mixed");
+    message.setContent(std::move(mixed));
+  }
+  message.setContentTransferEncoding(kEncodingNone);
+  return message;
 }
 
 std::u16string subjectForEmail(const ICLPChatLog& transcript) {
   auto& prefs = Preferences::Shared();
   bool unique = prefs.Bool("forceUniqueSubjects");
   int64_t number = prefs.Int("subjectNumber");
-  const std::u16string& party = transcript.primaryOtherParty();
-  if (!unique) return u"[IM] " + party;
+  if (!unique) return PlainSubject(transcript);
   // The counter only keeps count; the date and time make the subject unique.
   prefs.SetAppValue("subjectNumber", PrefValue(number + 1));
   prefs.AppSynchronize();
-  return u"[IM] " + party + u" (" + ToUtf16(FormatDate(Date::Now(), "%c")) + u")";
+  return u"[IM] " + transcript.primaryOtherParty() + u" (" +
+         ToUtf16(FormatDate(Date::Now(), "%c")) + u")";
+}
+
+std::u16string PlainSubject(const ICLPChatLog& transcript) {
+  return u"[IM] " + transcript.primaryOtherParty();
 }
 
 CWMessage TranscriptMail(const ICLPChatLog& transcript) {

@@ -124,6 +124,14 @@ void MailSession::connectionTimedOut() {
   done_ = true;
 }
 
+std::unique_ptr<CWSMTP> SMTPClientFor(CWMessage message) {
+  auto& prefs = Preferences::Shared();
+  auto smtp =
+      std::make_unique<CWSMTP>(prefs.String("emailServer").value_or(""), prefs.Int("emailPort"));
+  smtp->setMessage(std::move(message));
+  return smtp;
+}
+
 // A refused message ends the transfer through a callback too, so success is
 // what the server said, not HandleEmailSending's answer.
 bool MailTranscript(const ICLPChatLog& transcript, std::string* err) {

@@ -2,6 +2,7 @@
 // One mail transfer: hands the client's message to the server and waits,
 // running the thread's run loop, until a callback of the client ends it.
 
+#include <memory>
 #include <string>
 
 #include "delivery/cw_smtp.h"
@@ -31,6 +32,9 @@ class MailSession {
   bool result_ = false;
   bool delivered_ = false;
 };
+
+// The client for the server the preferences name, holding the message.
+std::unique_ptr<CWSMTP> SMTPClientFor(CWMessage message);
 
 // Mails the transcript (its mail layout, to the server of the preferences):
 // true when the server accepted it; otherwise false, and `err` holds the

@@ -4,14 +4,19 @@
 // and only http, https and mailto links are made clickable.  Chat text that
 // looks like HTML stays text.
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "archive/object.h"
+#include "platform/dates.h"
 
 namespace gab {
+
+class ICLPInstantMessage;
 
 // Appends `text` (UTF-8) with & < > " ' escaped: safe in text and in quoted
 // attribute values.
@@ -41,5 +46,35 @@ void AppendTextHtml(std::string& out, std::string_view utf8);
 // inline and other attachments as downloads, each at `attachmentHref` plus
 // its number.  "" when the body is just its text (AppendTextHtml of it).
 std::string MessageBodyHtml(const AttributedString& text, std::string_view attachmentHref);
+// The same, with the link to attachment number k (a regular file) made by
+// `href` (a URL, not yet escaped for HTML).
+using AttachmentHref = std::function<std::string(size_t k, const FileWrapper& file)>;
+std::string MessageBodyHtml(const AttributedString& text, const AttachmentHref& href);
+
+// The searchable text of a message: its characters with each attachment
+// replaced by the attachment's file name and control characters but line
+// ends by spaces.
+std::u16string SearchableText(const ICLPInstantMessage& message);
+
+// At most `units` UTF-16 units of a text's first line (an ellipsis marks a
+// cut), as UTF-8.
+std::string FirstLine(const std::u16string& text, size_t units);
+
+// A message as the chat page shows it.
+struct ChatMessage {
+  enum Side { kUser = 0, kOther = 1, kStatus = 2 };
+  int64_t position = 0;
+  Date time;
+  std::string speaker;
+  Side side = kUser;
+  std::string html;  // the body, safe to insert into a page
+};
+
+// The messages of a chat page: a heading for each day, then each message
+// (anchor "m" and its position) with its time, speaker and body.
+void AppendChatMessages(std::string& out, const std::vector<ChatMessage>& messages);
+
+// The style sheet of the reading pages.
+extern const char* const kReadingStyle;
 
 }  // namespace gab

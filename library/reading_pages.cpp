@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "library/chat_html.h"
+#include "platform/files.h"
 #include "platform/image_size.h"
 #include "platform/text.h"
 #include "transcript/chat_log.h"
@@ -19,115 +20,6 @@ constexpr const char* kPolicy =
     "default-src 'none'; img-src 'self'; style-src 'unsafe-inline'; form-action 'self'; "
     "base-uri 'none'; frame-ancestors 'none'";
 constexpr int kHitsPerPage = 50;
-
-// The look of the library's templates, and what the reading pages add.
-constexpr const char* kStyle = R"css(
-:root {
-  --bg: #f5f6f8; --surface: #ffffff; --ink: #1d2330; --muted: #687085;
-  --accent: #2f6fed; --accent-soft: #e7efff; --border: #e2e5eb; --mark: #fff0a8;
-  --radius: 12px; --sidebar: 250px;
-  color-scheme: light dark;
-}
-@media (prefers-color-scheme: dark) {
-  :root {
-    --bg: #13151a; --surface: #1c1f26; --ink: #e7e9ee; --muted: #9aa2b1;
-    --accent: #7ea6ff; --accent-soft: #22304f; --border: #2b2f39; --mark: #5a4d12;
-  }
-}
-* { box-sizing: border-box; }
-html { -webkit-text-size-adjust: 100%; }
-body {
-  margin: 0; background: var(--bg); color: var(--ink);
-  font: 15px/1.5 system-ui, -apple-system, "Segoe UI", Roboto, "Helvetica Neue", Arial, sans-serif;
-}
-a { color: var(--accent); text-decoration: none; }
-a:hover { text-decoration: underline; }
-.shell { display: grid; grid-template-columns: var(--sidebar) minmax(0, 1fr); min-height: 100vh; }
-.sidebar {
-  background: var(--surface); border-right: 1px solid var(--border);
-  padding: 24px 16px; position: sticky; top: 0; height: 100vh; overflow-y: auto;
-}
-.brand { display: block; font-weight: 700; font-size: 18px; color: var(--ink); margin: 0 8px 4px; }
-.sections { display: flex; gap: 4px; margin: 12px 4px 14px; }
-.sections a {
-  flex: 1; text-align: center; padding: 6px 4px; border-radius: 999px;
-  border: 1px solid var(--border); color: var(--muted); font-size: 12px;
-}
-.sections a.here { background: var(--accent); border-color: var(--accent); color: #fff; }
-form.box { display: flex; gap: 6px; margin: 0 4px 20px; }
-form.box input {
-  flex: 1; min-width: 0; padding: 6px 10px; border: 1px solid var(--border); border-radius: 8px;
-  background: var(--bg); color: var(--ink); font: inherit; font-size: 14px;
-}
-button, form.find select, form.find input {
-  font: inherit; font-size: 14px; padding: 6px 10px; border-radius: 8px;
-  border: 1px solid var(--border); background: var(--surface); color: var(--ink);
-}
-button { background: var(--accent); border-color: var(--accent); color: #fff; cursor: pointer; }
-.sidebar h2 {
-  font-size: 11px; letter-spacing: .08em; text-transform: uppercase; color: var(--muted);
-  margin: 0 8px 8px;
-}
-ul.nav { list-style: none; margin: 0; padding: 0; }
-ul.nav li { display: flex; align-items: center; gap: 8px; border-radius: 8px; }
-ul.nav li a {
-  flex: 1; min-width: 0; padding: 7px 8px; color: var(--ink);
-  overflow: hidden; text-overflow: ellipsis; white-space: nowrap;
-}
-ul.nav li:hover { background: var(--bg); }
-ul.nav li.active { background: var(--accent-soft); }
-ul.nav li.active a { color: var(--accent); font-weight: 600; }
-.numb { color: var(--muted); font-size: 12px; padding-right: 8px; font-variant-numeric: tabular-nums; }
-main { padding: 32px clamp(16px, 4vw, 48px) 64px; max-width: 1100px; }
-main > header h1 { margin: 0 0 4px; font-size: 28px; overflow-wrap: anywhere; }
-main > header p { margin: 0 0 24px; color: var(--muted); }
-.card, ul.list, ol.hits {
-  background: var(--surface); border: 1px solid var(--border); border-radius: var(--radius);
-}
-table.people { width: 100%; border-collapse: collapse; overflow: hidden; }
-table.people th, table.people td { text-align: left; padding: 9px 14px; border-top: 1px solid var(--border); }
-table.people th { border-top: 0; font-size: 12px; color: var(--muted); text-transform: uppercase; letter-spacing: .06em; }
-table.people td.n { font-variant-numeric: tabular-nums; color: var(--muted); }
-.tag { font-size: 11px; color: var(--muted); border: 1px solid var(--border); border-radius: 999px; padding: 1px 7px; margin-left: 6px; }
-ul.list, ol.hits { list-style: none; margin: 0; padding: 0; overflow: hidden; }
-ul.list li, ol.hits li { padding: 10px 14px; border-top: 1px solid var(--border); }
-ul.list li:first-child, ol.hits li:first-child { border-top: 0; }
-.meta { color: var(--muted); font-size: 13px; }
-.line { margin: 2px 0 0; overflow-wrap: anywhere; }
-mark { background: var(--mark); color: inherit; border-radius: 3px; padding: 0 1px; }
-form.find { display: flex; flex-wrap: wrap; gap: 8px; align-items: end; margin: 0 0 20px; }
-form.find label { display: flex; flex-direction: column; font-size: 12px; color: var(--muted); gap: 2px; }
-form.find label.q { flex: 1 1 260px; }
-.pages { margin: 16px 0; display: flex; gap: 16px; }
-.chat { background: var(--surface); border: 1px solid var(--border); border-radius: var(--radius); padding: 6px 0; }
-.day { margin: 14px 18px 6px; font-size: 12px; letter-spacing: .06em; text-transform: uppercase; color: var(--muted); }
-.m {
-  display: grid; grid-template-columns: 72px 140px minmax(0, 1fr); gap: 10px;
-  padding: 3px 18px; scroll-margin-top: 40vh;
-  content-visibility: auto; contain-intrinsic-size: auto 28px;
-}
-.m time { color: var(--muted); font-size: 12px; padding-top: 2px; font-variant-numeric: tabular-nums; }
-.m .who { font-weight: 600; overflow: hidden; text-overflow: ellipsis; white-space: nowrap; }
-.m.me .who { color: var(--accent); }
-.m .x { overflow-wrap: anywhere; }
-.m.status { color: var(--muted); font-size: 13px; font-style: italic; }
-.m:target { background: var(--mark); box-shadow: inset 4px 0 0 var(--accent); }
-.m img { display: block; max-width: min(100%, 420px); height: auto; margin: 4px 0; border-radius: 6px; }
-a.file { display: inline-block; border: 1px solid var(--border); border-radius: 8px; padding: 2px 10px; margin: 2px 0; }
-@media (max-width: 720px) {
-  .shell { grid-template-columns: 1fr; }
-  .sidebar {
-    position: static; height: auto; border-right: 0; border-bottom: 1px solid var(--border);
-    padding: 16px 12px 8px;
-  }
-  ul.nav { display: flex; gap: 6px; overflow-x: auto; padding-bottom: 8px; }
-  ul.nav li { flex: none; border: 1px solid var(--border); border-radius: 999px; }
-  ul.nav li a { padding: 5px 4px 5px 12px; }
-  main { padding: 20px 14px 48px; }
-  .m { grid-template-columns: 56px minmax(0, 1fr); }
-  .m .x { grid-column: 1 / -1; }
-}
-)css";
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -216,8 +108,10 @@ struct ReadingPages::Cached {
   std::shared_ptr<ICLPChatLog> log;
 };
 
-ReadingPages::ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index)
+ReadingPages::ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index,
+                           std::string dataFolder)
     : transcriptFolder_(std::move(transcriptFolder)),
+      dataFolder_(std::move(dataFolder)),
       index_(std::move(index)),
       lastRefresh_(std::chrono::steady_clock::now()) {}
 
@@ -244,6 +138,11 @@ bool ReadingPages::Serve(std::string_view path, std::string_view query, ViewerRe
     reply = Chat(Get(q(), "t"));
   } else if (path == "/search") {
     reply = Search(query);
+  } else if (path == "/stats.html" && !dataFolder_.empty() &&
+             !FileExists(dataFolder_ + "/stats.html")) {
+    reply = Html(Shell("Statistics", "Stats", "", "",
+                       "<header><h1>Statistics</h1><p>None yet: they begin with the first chat "
+                       "counted, by 'gabfolio import' or by the agent.</p></header>\n"));
   } else if (path == "/attachment") {
     auto values = q();
     reply = Attachment(Get(values, "t"), Get(values, "m"), Get(values, "a"));
@@ -268,7 +167,7 @@ std::string ReadingPages::Shell(const std::string& title, const char* section,
       "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n<title>";
   AppendEscaped(out, title);
   out += " \xC2\xB7 Gabfolio</title>\n<style>";
-  out += kStyle;
+  out += kReadingStyle;
   out += "</style>\n</head>\n<body>\n<div class=\"shell\">\n<aside class=\"sidebar\">\n";
   out += "<span class=\"brand\">Gabfolio</span>\n<nav class=\"sections\">";
   for (auto [href, label] : {std::pair{"people", "People"}, std::pair{"Links.html", "Links"},
@@ -432,25 +331,7 @@ ViewerReply ReadingPages::Chat(const std::string& key) {
   }
   main += " \xC2\xB7 <a href=\"" + Escaped(PersonHref(summary->person)) + "\">all chats</a></p>";
   main += "</header>\n<div class=\"chat\">\n";
-  std::string lastDay;
-  for (const ChatMessage& m : messages) {
-    std::string when = FormatDate(m.time, "%Y-%m-%d%I:%M %p");
-    if (when.compare(0, 10, lastDay) != 0) {
-      lastDay = when.substr(0, 10);
-      main += "<div class=\"day\">" + Escaped(FormatDate(m.time, "%A, %B %e, %Y")) + "</div>\n";
-    }
-    static const char* kSides[] = {"me", "them", "status"};
-    main += std::string("<div class=\"m ") + kSides[m.side] + "\" id=\"m" +
-            std::to_string(m.position) + "\"><time>";
-    if (when.size() > 10) main.append(when, 10);
-    main += "</time>";
-    if (m.side != ChatMessage::kStatus) {
-      main += "<span class=\"who\">";
-      AppendEscaped(main, m.speaker);
-      main += "</span>";
-    }
-    main += "<div class=\"x\">" + m.html + "</div></div>\n";
-  }
+  AppendChatMessages(main, messages);
   main += "</div>\n";
   std::string title = summary->person + ", " + FormatDate(summary->first, "%B %e, %Y");
   return Html(Shell(title, "People", summary->person, "", main));

@@ -27,7 +27,10 @@ class ReadingPages : public ViewerPages {
  public:
   // `index` is brought up to date by the caller; the pages check the folder
   // again now and then (a little at a time, so no page waits long).
-  ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index);
+  // With the data folder given, a statistics page that is not there yet is
+  // answered by a page saying so, since every page links to it.
+  ReadingPages(std::string transcriptFolder, std::unique_ptr<SearchIndex> index,
+               std::string dataFolder = "");
   ~ReadingPages() override;
 
   bool Serve(std::string_view path, std::string_view query, ViewerReply& reply) override;
@@ -48,6 +51,7 @@ class ReadingPages : public ViewerPages {
   std::shared_ptr<ICLPChatLog> Load(const std::string& key);
 
   std::string transcriptFolder_;
+  std::string dataFolder_;
   std::mutex indexMutex_;
   std::unique_ptr<SearchIndex> index_;
   std::chrono::steady_clock::time_point lastRefresh_;

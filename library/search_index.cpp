@@ -156,18 +156,6 @@ std::string Utf8Name(const std::optional<std::u16string>& name) {
   return name ? ToUtf8(*name) : std::string();
 }
 
-// At most `units` UTF-16 units of a message's first line.
-std::string FirstLine(const std::u16string& text, size_t units) {
-  size_t end = text.find(u'\n');
-  if (end == std::u16string::npos) end = text.size();
-  bool cut = end > units;
-  std::u16string line = text.substr(0, std::min(end, units));
-  if (!line.empty() && line.back() >= 0xD800 && line.back() < 0xDC00) line.pop_back();
-  while (!line.empty() && (line.back() == u' ' || line.back() == u'\t')) line.pop_back();
-  if (cut) line += u"\u2026";
-  return ToUtf8(line);
-}
-
 bool IsTermCharacter(unsigned char c) {
   return c >= 0x80 || (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
@@ -220,31 +208,6 @@ std::optional<std::string> FtsQuery(std::string_view q) {
     out += prefix ? "\" *" : "\"";
   }
   if (out.empty()) return std::nullopt;
-  return out;
-}
-
-std::u16string SearchableText(const ICLPInstantMessage& message) {
-  if (!message.string) return {};
-  const AttributedString& s = *message.string;
-  std::u16string out;
-  out.reserve(s.text.size());
-  for (size_t i = 0; i < s.text.size(); ++i) {
-    char16_t c = s.text[i];
-    if (c == u'\uFFFC') {
-      auto attachment = As<TextAttachment>(s.AttributeAt(i, kAttachmentAttribute));
-      if (attachment && attachment->fileWrapper && attachment->fileWrapper->preferredFilename) {
-        out += u' ';
-        out += *attachment->fileWrapper->preferredFilename;
-        out += u' ';
-      } else {
-        out += u' ';
-      }
-    } else if (c < 0x20 || c == 0x7F) {
-      out += c == u'\n' ? u'\n' : u' ';
-    } else {
-      out += c;
-    }
-  }
   return out;
 }
 
@@ -1031,6 +994,17 @@ int64_t SearchIndex::MessageCount() {
   if (!db_) return 0;
   Stmt s(db_, "SELECT count(*) FROM message_text");
   int64_t n = s.ok() && s.Step() == SQLITE_ROW ? s.Int(0) : 0;
+  s.Reset();
+  return n;
+}
+
+int64_t SearchIndex::ChatsWithoutTheirParty() {
+  if (!db_) return 0;
+  Stmt s(db_,
+         "SELECT count(*) FROM transcripts t WHERE t.unreadable = 0 AND t.grp = 0 AND "
+         "NOT EXISTS (SELECT 1 FROM messages m WHERE m.transcript = t.id AND m.side != ?1 "
+         "AND m.speaker = t.person)");
+  int64_t n = s.ok() && s.Bind(1, int64_t(kStatusSide)).Step() == SQLITE_ROW ? s.Int(0) : 0;
   s.Reset();
   return n;
 }

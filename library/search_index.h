@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "library/chat_html.h"
 #include "platform/dates.h"
 
 struct sqlite3;
@@ -36,10 +37,6 @@ inline constexpr char kMatchEnd = '\x02';
 // phrases" and prefix* terms, with every other character taken literally, so
 // no input is a syntax error.  Nothing when the query holds no term.
 std::optional<std::string> FtsQuery(std::string_view userQuery);
-
-// The searchable text of a message: its characters with each attachment
-// replaced by the attachment's file name and control characters by spaces.
-std::u16string SearchableText(const ICLPInstantMessage& message);
 
 // "YYYY", "YYYY-MM" or "YYYY-MM-DD" in local time: the first moment of that
 // period, or (with `end`) its last.  Nothing for any other text.
@@ -77,16 +74,6 @@ struct ChatSummary {
   Date first, last;
   int64_t messages = 0;
   std::string firstLine;
-};
-
-// A message as the chat page shows it.
-struct ChatMessage {
-  enum Side { kUser = 0, kOther = 1, kStatus = 2 };
-  int64_t position = 0;
-  Date time;
-  std::string speaker;
-  Side side = kUser;
-  std::string html;  // the body, safe to insert into a page
 };
 
 struct SyncSummary {
@@ -142,6 +129,9 @@ class SearchIndex {
   // Every message of a chat in order, status lines too.
   std::vector<ChatMessage> ChatMessages(const std::string& key);
   int64_t MessageCount();  // searchable messages
+  // One-to-one chats in which no message comes from a speaker with the
+  // party's name (its words counted as the user's).
+  int64_t ChatsWithoutTheirParty();
 
  private:
   struct Statements;

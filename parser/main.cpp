@@ -19,6 +19,7 @@
 #include "parser/usage.h"
 #include "platform/home.h"
 #include "platform/log.h"
+#include "platform/pass_note.h"
 
 namespace {
 
@@ -44,6 +45,10 @@ int main(int argc, char** argv) {
     std::fputs(parser::kUsage, stdout);
     return 0;
   }
+  if (argc > 1 && (!std::strcmp(argv[1], "--version") || !std::strcmp(argv[1], "-V"))) {
+    std::printf("%s %s\n", "gabfolio-parser", GABFOLIO_VERSION);
+    return 0;
+  }
   const std::string data = DataFolder();
   struct stat st {};
   if (stat(data.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -53,7 +58,12 @@ int main(int argc, char** argv) {
   int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
                     std::chrono::system_clock::now().time_since_epoch())
                     .count();
-  if (!parser::RunHasWork(TranscriptFolder(), data, now)) return 0;
+  // An earlier run of this agent pass found nothing to do: neither will this.
+  if (PassFoundNothingToDo()) return 0;
+  if (!parser::RunHasWork(TranscriptFolder(), data, now)) {
+    NotePassFoundNothingToDo();
+    return 0;
+  }
 
   std::string worker = WorkerPath();
   if (worker.empty()) {

@@ -256,7 +256,7 @@ RunSummary Run::Go() {
   }
 
   std::vector<Found> found;
-  for (auto& f : FindTranscripts(options_.transcriptFolder)) {
+  for (auto& f : FindTranscripts(options_.transcriptFolder, &summary_.miscased)) {
     std::string key = options_.recordKeyPrefix + f.relativePath;
     found.push_back({std::move(f), std::move(key)});
   }
@@ -265,8 +265,12 @@ RunSummary Run::Go() {
   std::vector<size_t> work;
   for (size_t i = 0; i < found.size(); ++i) {
     auto it = record_.transcripts.find(found[i].key);
-    if (NeedsWork(found[i], it == record_.transcripts.end() ? nullptr : &it->second))
+    const RecordEntry* e = it == record_.transcripts.end() ? nullptr : &it->second;
+    if (NeedsWork(found[i], e))
       work.push_back(i);
+    else if (e->state == State::kUnreadable)
+      // Still unreadable as it was: named in every run, not counted as done.
+      summary_.unreadable.emplace_back(found[i].relativePath, e->reason);
     else
       ++summary_.unchanged;
   }
@@ -319,7 +323,8 @@ RunSummary Run::Go() {
     if (options_.loaded) options_.loaded(f.key, f.size, f.mtimeNs, log.get());
   }
   if (summary_.saveError.empty()) Flush();
-  if (options_.progress) options_.progress(work.size(), work.size(), "");
+  // An interrupted run's bar stays where it stopped.
+  if (options_.progress && !summary_.stopped) options_.progress(work.size(), work.size(), "");
   return summary_;
 }
 

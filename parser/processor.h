@@ -77,8 +77,9 @@ struct RunSummary {
   int64_t mailFailed = 0;
   int64_t waiting = 0;                                          // chats still open
   std::vector<std::pair<std::string, std::string>> unreadable;  // path, reason
-  bool stopped = false;                                         // keepRunning was cleared
-  int64_t deferred = 0;  // left for the next run (time budget)
+  std::vector<std::string> miscased;  // "x.CHAT": skipped, the extension's case is wrong
+  bool stopped = false;               // keepRunning was cleared
+  int64_t deferred = 0;               // left for the next run (time budget)
   // Why the library and the record could not be saved ("" when they were);
   // what was not saved is done again by a later run.
   std::string saveError;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace gab::parser {
@@ -14,10 +15,13 @@ RunLock::~RunLock() {
   Release();
 }
 
-bool RunLock::Acquire(const std::string& lockPath, double waitSeconds) {
+bool RunLock::Acquire(const std::string& lockPath, double waitSeconds, std::string* error) {
   Release();
   int fd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
+  if (fd < 0) {
+    if (error) *error = "cannot open " + lockPath + ": " + std::strerror(errno);
+    return false;
+  }
   auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(int64_t(waitSeconds * 1000));
   for (;;) {

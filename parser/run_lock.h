@@ -16,8 +16,9 @@ class RunLock {
   RunLock& operator=(const RunLock&) = delete;
 
   // Tries for up to `waitSeconds` (0: once).  False when another process
-  // holds it all that time, or the sidecar cannot be opened.
-  bool Acquire(const std::string& lockPath, double waitSeconds);
+  // holds it all that time, or the sidecar cannot be opened (then `error`
+  // says why, and waiting would not help).
+  bool Acquire(const std::string& lockPath, double waitSeconds, std::string* error = nullptr);
   void Release();
   bool held() const { return fd_ >= 0; }
 

@@ -40,6 +40,10 @@ int main(int argc, char** argv) {
     std::fputs(parser::kUsage, stdout);
     return 0;
   }
+  if (argc > 1 && (!std::strcmp(argv[1], "--version") || !std::strcmp(argv[1], "-V"))) {
+    std::printf("%s %s\n", "gabfolio-parser-worker", GABFOLIO_VERSION);
+    return 0;
+  }
   keepRunning = 1;
   struct sigaction sa {};
   sa.sa_handler = Stop;

@@ -321,6 +321,11 @@ Contacts::Hold::~Hold() {
   if (--held.depth == 0) held = Held{};
 }
 
+void Contacts::Hold::Refresh() {
+  held.me.reset();
+  held.cards.reset();
+}
+
 std::shared_ptr<const ContactFile> Contacts::LoadHeld(Cached& cache, const char* name, bool me) {
   auto& slot = me ? held.me : held.cards;
   if (held.depth > 0 && slot) return slot;

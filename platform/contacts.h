@@ -69,6 +69,9 @@ class Contacts {
     ~Hold();
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
+    // Forgets what this thread's Holds have looked at: a file that the
+    // operation itself changed (a card it added) is looked at again.
+    static void Refresh();
   };
 
  private:

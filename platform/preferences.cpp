@@ -303,7 +303,13 @@ bool Preferences::AppSynchronize() {
         NSLog("Moved the unreadable preferences to " + aside);
     }
     std::string error;
-    if (WritePlistFile(path_, static_cast<plist_t>(s.copy.get()), 0600, &error)) {
+    // Values set to what the file holds already (the agent stores
+    // "errorStatus" 0 before every entry of a pass) need no write.
+    if (s.identity.exists && !s.unreadable && s.file &&
+        PlistToXml(static_cast<plist_t>(s.copy.get())) ==
+            PlistToXml(static_cast<plist_t>(s.file.get()))) {
+      s.dirty.clear();
+    } else if (WritePlistFile(path_, static_cast<plist_t>(s.copy.get()), 0600, &error)) {
       s.file.reset(plist_copy(static_cast<plist_t>(s.copy.get())));
       s.identity = Identify(path_);
       s.dirty.clear();

@@ -6,13 +6,23 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 
 namespace gab {
 namespace {
 
 constexpr int kMaxDepth = 32;
 
-void Walk(int dirfd, const std::string& prefix, int depth, std::vector<FoundTranscript>& out) {
+bool HasMiscasedExtension(std::string_view name) {
+  auto dot = name.rfind('.');
+  if (dot == std::string_view::npos || dot == 0 || HasTranscriptExtension(name)) return false;
+  std::string ext(name.substr(dot + 1));
+  for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+  return ext == "chat" || ext == "ichat";
+}
+
+void Walk(int dirfd, const std::string& prefix, int depth, std::vector<FoundTranscript>& out,
+          std::vector<std::string>* miscased) {
   DIR* dir = fdopendir(dirfd);
   if (!dir) {
     ::close(dirfd);
@@ -27,10 +37,12 @@ void Walk(int dirfd, const std::string& prefix, int depth, std::vector<FoundTran
     if (S_ISDIR(st.st_mode)) {
       if (depth >= kMaxDepth) continue;
       int sub = openat(dirfd, ent->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (sub >= 0) Walk(sub, rel, depth + 1, out);
+      if (sub >= 0) Walk(sub, rel, depth + 1, out, miscased);
     } else if (S_ISREG(st.st_mode) && HasTranscriptExtension(name)) {
       out.push_back({std::move(rel), int64_t(st.st_size),
                      int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec});
+    } else if (miscased && S_ISREG(st.st_mode) && HasMiscasedExtension(name)) {
+      miscased->push_back(std::move(rel));
     }
   }
   closedir(dir);  // closes dirfd too
@@ -45,10 +57,12 @@ bool HasTranscriptExtension(std::string_view name) {
   return ext == "chat" || ext == "ichat";
 }
 
-std::vector<FoundTranscript> FindTranscripts(const std::string& folder) {
+std::vector<FoundTranscript> FindTranscripts(const std::string& folder,
+                                             std::vector<std::string>* miscased) {
   std::vector<FoundTranscript> out;
   int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) Walk(fd, "", 0, out);
+  if (fd >= 0) Walk(fd, "", 0, out, miscased);
+  if (miscased) std::sort(miscased->begin(), miscased->end());
   std::sort(out.begin(), out.end(),
             [](const auto& a, const auto& b) { return a.relativePath < b.relativePath; });
   return out;

@@ -16,7 +16,11 @@ struct FoundTranscript {
 
 // Sorted by relative path.  Symbolic links are not followed (a link could
 // lead out of the folder or into a loop); unreadable subfolders are skipped.
-std::vector<FoundTranscript> FindTranscripts(const std::string& folder);
+// `miscased`, when given, receives the relative paths of regular files whose
+// extension differs from a transcript's only in case ("CHAT"), which iChat
+// never wrote and the loader does not take, sorted.
+std::vector<FoundTranscript> FindTranscripts(const std::string& folder,
+                                             std::vector<std::string>* miscased = nullptr);
 
 bool HasTranscriptExtension(std::string_view name);
 

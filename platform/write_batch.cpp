@@ -211,6 +211,10 @@ WriteBatch::~WriteBatch() {
   if (g_open == state_.get()) g_open = nullptr;
 }
 
+size_t WriteBatch::HeldFiles() const {
+  return state_->written.size();
+}
+
 bool WriteBatch::Commit(std::string* err) {
   if (state_->ops.empty()) return true;
   const std::string& folder = state_->folder;

@@ -30,6 +30,8 @@ class WriteBatch {
   // nothing of the batch is lost (the journal, when written, is applied by
   // the next RecoverWriteBatch).
   bool Commit(std::string* err);
+  // Files the batch holds, not yet committed.
+  size_t HeldFiles() const;
 
   struct State;
 

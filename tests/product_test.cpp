@@ -102,6 +102,11 @@ Chat Conversation(const std::string& party, double start, int lines, int links, 
   return c;
 }
 
+// A line of the import's summary; the numbers line up in one column.
+std::string Row(const std::string& label, int64_t n) {
+  return label + std::string(28 - label.size(), ' ') + std::to_string(n) + "\n";
+}
+
 std::vector<std::string> Subjects(const SmtpServer& sink) {
   std::vector<std::string> out;
   for (int n = 1; n <= sink.MessageCount(); ++n) out.push_back(sink.Message(n, "subject"));
@@ -215,16 +220,18 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   first.Signal(SIGINT);
   auto st = first.Wait(120);
   ASSERT_TRUE(st == 130 || st == 0) << first.err();
+  // The hint to go on names the folder that was given.
+  if (st == 130) {
+    EXPECT_NE(first.out().find("run: gabfolio import '" + old.string() + "'\n"), std::string::npos)
+        << first.out();
+  }
   int64_t afterFirst = Statistic("chatcount");
 
   // ... and run again: every transcript exactly once.
   Result r = Tool({"import", old.string()});
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("Transcripts found:     " + std::to_string(kCount + 2)), std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("Imported now:          " + std::to_string(kCount - afterFirst)),
-            std::string::npos)
-      << r.out;
+  EXPECT_NE(r.out.find(Row("Transcripts found:", kCount + 2)), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(Row("Imported now:", kCount - afterFirst)), std::string::npos) << r.out;
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == kCount; })) << Statistic("chatcount");
   // TypicalChat: a link on every third of 10 lines, an image on every fifth.
   EXPECT_TRUE(WaitFor([&] { return Statistic("linkcount") == kCount * 3; }))
@@ -244,7 +251,12 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
 
   r = Tool({"import", old.string()});
   ASSERT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("Imported now:          0"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(Row("Imported now:", 0)), std::string::npos) << r.out;
+  // The unreadable ones are named on every run, not counted as done.
+  EXPECT_NE(r.out.find(Row("Already in the library:", kCount)), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find(Row("Unreadable files:", 2) + "  Broken on 2005-01-01 at 10.00.ichat: "),
+            std::string::npos)
+      << r.out;
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == kCount; })) << Statistic("chatcount");
 
   // Moved into the transcript folder afterwards, they are not new to the
@@ -254,6 +266,99 @@ TEST_F(ProductTest, ImportAddsManyTranscriptsOnceWithoutMailAndResumes) {
   EXPECT_EQ(parse.status, 0) << parse.err;
   EXPECT_TRUE(WaitFor([&] { return Statistic("chatcount") == kCount; })) << Statistic("chatcount");
   EXPECT_EQ(parse.err.find("Processed"), std::string::npos) << parse.err;
+}
+
+// A chat's file names the other party as iChat showed them; the archive
+// knows only the account.  Cards link the two only when the user says so,
+// and the user's own cards stay byte for byte.
+TEST_F(ProductTest, ImportLearnsContactsOnlyWhenAskedAndKeepsTheUsersCards) {
+  const std::string userCards =
+      "BEGIN:VCARD\r\nVERSION:3.0\r\nN:Lind;Robert;;;\r\nX-AIM:bolind\r\nEND:VCARD";
+  struct Case {
+    std::vector<std::vector<std::string>> commands;
+    bool learned;
+    const char* says;  // in the last command's output
+  };
+  const Case cases[] = {
+      {{{"import"}}, false, "'gabfolio contacts learn' adds cards for\n  1 account"},
+      {{{"contacts", "learn", "--dry-run"}, {"import"}}, false, "Chats without their party:"},
+      {{{"import", "--learn-contacts"}}, true, "Contact cards added:        1"},
+      {{{"contacts", "learn"}, {"import", "--no-learn-contacts"}}, true, "Imported now:"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.commands));
+    fs::path h = home() / ("case" + std::to_string(n++));
+    const std::vector<std::string> env = {"HOME=" + h.string()};
+    ASSERT_EQ(RunProgram({kTool, "setup"}, env).status, 0);
+    fs::path book = h / "Library/Application Support/AddressBook";
+    fs::create_directories(book);
+    std::ofstream(book / "Contacts.vcf", std::ios::binary) << userCards;
+    fs::path folder = h / "Documents/iChats";
+    for (const auto& [party, account] :
+         {std::pair{"Anna Lee", "annalee"}, std::pair{"Bo Lind", "bolind"},
+          std::pair{"Dana", "dana"}}) {
+      Chat chat = Conversation(account, kMarch2005, 4, 0, 0, true);
+      chat.party = party;
+      samples::WriteChat(folder.string(), chat);
+    }
+    Result r;
+    for (auto args : c.commands) {
+      args.insert(args.begin(), kTool);
+      r = RunProgram(args, env);
+      ASSERT_EQ(r.status, 0) << r.err;
+    }
+    EXPECT_NE(r.out.find(c.says), std::string::npos) << r.out;
+    std::string cards = ReadFile(book / "Contacts.vcf");
+    EXPECT_EQ(cards.rfind(userCards, 0), 0u) << cards;
+    EXPECT_EQ(cards.find("N:Lee;Anna;;;\r\n") != std::string::npos, c.learned) << cards;
+    EXPECT_EQ(CountOf(cards, "BEGIN:VCARD"), c.learned ? 2 : 1) << cards;
+    // Anna's two lines of seven words count as hers once her card is there.
+    PlistPtr stats = ReadPlistFile((h / "Library/Gabfolio/talkpulse.plist").string());
+    uint64_t others = 0;
+    plist_get_uint_val(plist_dict_get_item(stats.get(), "othertextcount"), &others);
+    EXPECT_EQ(others, c.learned ? 14u : 0u);
+    Result status = RunProgram({kTool, "status"}, env);
+    EXPECT_NE(status.out.find("chats without their party: " + std::string(c.learned ? "2" : "3")),
+              std::string::npos)
+        << status.out;
+  }
+}
+
+// What failed is said, the exit status is 1, and only what was saved is
+// counted.  (Folders stand where files must go: the tests may run as root,
+// whom permissions do not stop.)
+TEST_F(ProductTest, ImportAndRebuildSayWhatFailed) {
+  struct Case {
+    const char* blocked;  // made a folder in the library
+    std::vector<std::string> args;
+    int status;
+    const char* err;
+    const char* out;
+  };
+  const Case cases[] = {
+      {"", {"rebuild"}, 0, "", "Wrote "},
+      {"Links.html", {"rebuild"}, 1, "could not write the pages in", ""},
+      {"processed.plist.lock", {"import"}, 1, "nothing imported: cannot open", ""},
+      {"gatheredURLs.plist",
+       {"import"},
+       1,
+       "could not save the library in",
+       "Links added:                0\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.blocked);
+    samples::WriteChat(chats().string(), Conversation("friend", kMarch2005, 6, 2, 0, true));
+    if (*c.blocked) {
+      fs::remove(lib() / c.blocked);
+      fs::create_directories(lib() / c.blocked / "inside");
+    }
+    Result r = Tool(c.args);
+    EXPECT_EQ(r.status, c.status) << r.out << r.err;
+    EXPECT_NE(r.err.find(c.err), std::string::npos) << r.err;
+    EXPECT_NE(r.out.find(c.out), std::string::npos) << r.out;
+    if (*c.blocked) fs::remove_all(lib() / c.blocked);
+  }
 }
 
 TEST_F(ProductTest, ParserRunsCheaplyTwiceAndNeverOverlaps) {

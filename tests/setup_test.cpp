@@ -99,6 +99,54 @@ TEST_F(SetupTest, SecondRunKeepsWhatTheUserChangedAndForcePutsItBack) {
   EXPECT_EQ(ReadFile(lib() / "links.txt"), "a line of mine\n");
 }
 
+// Every program answers --version and goes no further: the agent neither
+// writes its pid file nor starts watching.
+TEST_F(SetupTest, EveryProgramSaysItsVersion) {
+  for (const std::string& program : {kTool, kAgent, kParser, kParser + "-worker"}) {
+    Result r = RunProgram({program, "--version"}, {}, {}, 10);
+    std::string name = fs::path(program).filename().string();
+    EXPECT_EQ(r.status, 0) << name << r.err;
+    EXPECT_EQ(r.out.rfind(name + " 0.", 0), 0u) << r.out;
+    EXPECT_EQ(CountOf(r.out, "\n"), 1) << r.out;
+  }
+  EXPECT_FALSE(fs::exists(home() / "Library/Gabfolio/pidfile"));
+}
+
+// Settings whose test mail failed are kept only when the user says so; no
+// login leaves no password behind.
+TEST_F(SetupTest, FailedTestMailAsksBeforeKeepingTheSettings) {
+  struct Case {
+    std::vector<std::string> extra;
+    std::optional<std::string> input;
+    int status;
+    const char* server;                   // afterwards
+    std::optional<std::string> password;  // afterwards
+  };
+  const Case cases[] = {
+      {{}, "", 1, "old.example.org", "secret"},
+      {{}, "n\n", 1, "old.example.org", "secret"},
+      {{}, "y\n", 1, "127.0.0.1", std::nullopt},
+      {{"--no-test"}, {}, 0, "127.0.0.1", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input.value_or("(no input)"));
+    {
+      Preferences prefs = Prefs();
+      prefs.SetAppValue("emailServer", std::string("old.example.org"));
+      prefs.SetAppValue("emailPassword", std::string("secret"));
+      ASSERT_TRUE(prefs.AppSynchronize());
+    }
+    std::vector<std::string> args = {"setup", "--server", "127.0.0.1",      "--port",
+                                     "9",     "--to",     "me@example.org", "--no-login"};
+    args.insert(args.end(), c.extra.begin(), c.extra.end());
+    Result r = Tool(args, c.input);
+    EXPECT_EQ(r.status, c.status) << r.out << r.err;
+    Preferences prefs = Prefs();
+    EXPECT_EQ(prefs.String("emailServer"), c.server);
+    EXPECT_EQ(prefs.String("emailPassword"), c.password);
+  }
+}
+
 TEST_F(SetupTest, MailOptionsConfigureAndSendATestMessage) {
   if (!HaveAiosmtpd()) GTEST_SKIP() << "python3-aiosmtpd is not installed";
   SmtpServer sink;
@@ -130,25 +178,73 @@ TEST_F(SetupTest, ServiceInstallWritesTheUnitForThisAgentAndCallsSystemctl) {
   fs::create_directories(bin);
   std::ofstream(bin / "systemctl") << "#!/bin/sh\necho \"$@\" >> \"$HOME/systemctl.log\"\n";
   fs::permissions(bin / "systemctl", fs::perms::owner_all);
-  std::string path = "PATH=" + bin.string() + ":/usr/bin:/bin";
-  fs::path unit = home() / ".config/systemd/user/gabfolio-agent.service";
+  const std::string path = "PATH=" + bin.string() + ":/usr/bin:/bin";
+  // A user session: its service manager's socket in the runtime folder.
+  fs::create_directories(home() / "run/systemd");
+  std::ofstream(home() / "run/systemd/private");
+  const std::string session = "XDG_RUNTIME_DIR=" + (home() / "run").string();
+  const std::string noSession = "XDG_RUNTIME_DIR=" + home().string();
+  const fs::path unit = home() / ".config/systemd/user/gabfolio-agent.service";
+  const fs::path entry = home() / ".config/autostart/gabfolio-agent.desktop";
+  const std::string agent = fs::canonical(kAgent).string();
 
-  Result r = RunProgram({kTool, "service", "install"}, {path});
-  ASSERT_EQ(r.status, 0) << r.err;
-  std::string text = ReadFile(unit);
-  EXPECT_NE(text.find("ExecStart=" + fs::canonical(kAgent).string() + "\n"), std::string::npos)
-      << text;
-  EXPECT_NE(text.find("[Install]"), std::string::npos);
-  EXPECT_EQ(ReadFile(home() / "systemctl.log"),
-            "--user daemon-reload\n--user enable --now gabfolio-agent.service\n");
+  struct Case {
+    std::vector<std::string> args;
+    std::string env;
+    int status;
+    const char* says;       // on stdout, or stderr when it fails
+    const char* systemctl;  // what systemctl was asked
+    bool unitThere, entryThere;
+  };
+  const Case cases[] = {
+      {{"install"},
+       session,
+       0,
+       "The agent runs now",
+       "--user daemon-reload\n--user enable --now gabfolio-agent.service\n",
+       true,
+       false},
+      {{"uninstall"},
+       session,
+       0,
+       "the agent no longer starts at login",
+       "--user disable --now gabfolio-agent.service\n--user daemon-reload\n",
+       false,
+       false},
+      // No user session: what to do instead, and systemctl is not tried.
+      {{"install"}, noSession, 1, "sudo loginctl enable-linger tester", "", false, false},
+      {{"install"}, noSession, 1, "gabfolio service install --autostart\n", "", false, false},
+      {{"install", "--autostart"},
+       noSession,
+       0,
+       "starts with your next desktop session",
+       "",
+       false,
+       true},
+      {{"uninstall"}, noSession, 0, "no longer starts with the desktop", "", false, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.says);
+    fs::remove(home() / "systemctl.log");
+    std::vector<std::string> args = {kTool, "service"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    Result r = RunProgram(args, {path, c.env});
+    EXPECT_EQ(r.status, c.status) << r.out << r.err;
+    EXPECT_NE((c.status ? r.err : r.out).find(c.says), std::string::npos) << r.out << r.err;
+    EXPECT_EQ(ReadFile(home() / "systemctl.log"), c.systemctl);
+    EXPECT_EQ(fs::exists(unit), c.unitThere);
+    EXPECT_EQ(fs::exists(entry), c.entryThere);
+    if (c.unitThere) {
+      EXPECT_NE(ReadFile(unit).find("ExecStart=" + agent + "\n"), std::string::npos);
+    }
+    if (c.entryThere) {
+      EXPECT_NE(ReadFile(entry).find("\nExec=" + agent + "\n"), std::string::npos);
+    }
+  }
 
-  r = RunProgram({kTool, "service", "uninstall"}, {path});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_FALSE(fs::exists(unit));
-
-  // systemctl failing (no user session) is an error the user hears about.
+  // systemctl failing is an error the user hears about.
   std::ofstream(bin / "systemctl") << "#!/bin/sh\nexit 1\n";
-  r = RunProgram({kTool, "service", "install"}, {path});
+  Result r = RunProgram({kTool, "service", "install"}, {path, session});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("systemctl --user failed"), std::string::npos);
 }

@@ -1,4 +1,5 @@
 #pragma once
+#include <string>
 #include <vector>
 
 namespace gab::tool {
@@ -15,5 +16,9 @@ struct Command {
 // Every subcommand, in the order `gabfolio --help` lists them.  Each file
 // that defines a command adds one line here.
 const std::vector<Command>& Commands();
+
+// A usage error in the command's voice: the problem on one line and where
+// the help is, then kUsage.
+int UsageError(const char* command, const std::string& problem);
 
 }  // namespace gab::tool

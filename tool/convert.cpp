@@ -2,9 +2,12 @@
 // plain-text or HTML rendering (the same ones its mail carries) to standard
 // output or to a file, so an old archive can be read without sending mail.
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -25,7 +28,10 @@ const char kConvertUsage[] =
     "Renders an iChat transcript as the mails of Gabfolio carry it:\n"
     "  --to text   the plain-text transcript (UTF-8)\n"
     "  --to html   the HTML document (UTF-8)\n"
-    "  -o OUT      write to the file OUT (replaced whole) instead of standard output\n"
+    "  -o OUT      write to the file OUT (replaced whole) instead of standard output;\n"
+    "              into the folder OUT when it is one or ends in \"/\" (made when\n"
+    "              missing; the file is named after FILE, ending in .txt or .html);\n"
+    "              \"-o -\" is standard output\n"
     "\n"
     "FILE is an iChat 2 transcript (.chat) or an iChat 3 transcript (.ichat)\n"
     "named \"<party> on <date>.<extension>\".  The HTML is not sanitised: it holds\n"
@@ -33,10 +39,19 @@ const char kConvertUsage[] =
     "\n"
     "Exit status: 0 written, 1 the file could not be read, decoded or written, 2 usage.\n";
 
-int Usage(const char* problem) {
-  if (problem) std::fprintf(stderr, "gabfolio convert: %s\n", problem);
-  std::fputs(kConvertUsage, stderr);
-  return kUsage;
+int Usage(const std::string& problem) {
+  return UsageError("convert", problem);
+}
+
+// "-o DIR/" or an existing folder: the file goes in there, named after the
+// transcript ("Anna on 2005-03-08.ichat" becomes "Anna on 2005-03-08.html").
+std::string OutputPath(const std::string& output, const std::string& file, const char* suffix) {
+  struct stat st {};
+  if (output.back() != '/' && (stat(output.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+    return output;
+  std::string name = file.substr(file.find_last_of('/') + 1);
+  if (size_t dot = name.rfind('.'); dot != std::string::npos && dot > 0) name.resize(dot);
+  return output + (output.back() == '/' ? "" : "/") + name + suffix;
 }
 
 }  // namespace
@@ -82,12 +97,14 @@ int RunConvert(int argc, char** argv) {
   }
   std::string bytes = *format == "text" ? ToUtf8(PlainChatLog(*log)) : HTMLChatLog(*log);
 
-  if (output) {
+  if (output && *output != "-") {
+    std::string path = OutputPath(*output, *file, *format == "text" ? ".txt" : ".html");
+    std::error_code ec;
+    if (output->back() == '/') std::filesystem::create_directories(*output, ec);
     std::string error;
-    if (!WriteOutputFile(*output, bytes, &error)) {
+    if (!WriteOutputFile(path, bytes, &error)) {
       std::fprintf(stderr, "gabfolio convert: cannot write %s: %s\n",
-                   EscapeControlCharacters(*output).c_str(),
-                   EscapeControlCharacters(error).c_str());
+                   EscapeControlCharacters(path).c_str(), EscapeControlCharacters(error).c_str());
       return kFailure;
     }
     return kOk;

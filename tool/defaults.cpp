@@ -157,10 +157,7 @@ int RunDefaults(int argc, char** argv) {
     std::string text = argv[argc - 1];
     auto value = ParseTyped(type, text);
     if (!value) {
-      std::fprintf(stderr, "gabfolio defaults: '%s' is not a valid %s value\n", text.c_str(),
-                   type.c_str());
-      std::fputs(kHelp, stderr);
-      return kUsage;
+      return UsageError("defaults", "'" + text + "' is not a valid " + type + " value");
     }
     prefs.SetAppValue(argv[2], value);
   } else if (verb == "delete" && argc == 3) {
@@ -171,8 +168,8 @@ int RunDefaults(int argc, char** argv) {
     }
     prefs.SetAppValue(argv[2], std::nullopt);
   } else {
-    std::fputs(kHelp, stderr);
-    return kUsage;
+    return UsageError("defaults", verb.empty() ? std::string("read, write or delete?")
+                                               : "bad arguments for '" + verb + "'");
   }
   if (!prefs.AppSynchronize()) {
     std::fprintf(stderr, "gabfolio defaults: unable to write %s\n", prefs.path().c_str());

@@ -88,10 +88,10 @@ int RunDump(int argc, char** argv) {
     std::fputs(kDumpUsage, stdout);
     return kOk;
   }
-  if (argc != 2 || argv[1][0] == '\0' || (argv[1][0] == '-' && argv[1][1] != '\0')) {
-    std::fputs(kDumpUsage, stderr);
-    return kUsage;
-  }
+  if (argc < 2 || argv[1][0] == '\0') return UsageError("dump", "no FILE given");
+  if (argv[1][0] == '-' && argv[1][1] != '\0')
+    return UsageError("dump", std::string("unknown option '") + argv[1] + "'");
+  if (argc > 2) return UsageError("dump", "one FILE at a time");
   const std::string path = argv[1];
   std::string why;
   auto log = ICLPChatLog::InitWithFilePath(path, &why);

@@ -7,6 +7,7 @@
 
 #include "platform/home.h"
 #include "platform/log.h"
+#include "tool/agent_state.h"
 #include "tool/progress.h"
 #include "transcript/process_flags.h"
 
@@ -37,6 +38,10 @@ std::unique_ptr<SearchIndex> OpenCurrentIndex(const char* command, bool clear) {
     std::fprintf(stderr, "gabfolio %s: cannot clear the search index\n", command);
     return nullptr;
   }
+  // A running agent keeps a complete index current (its parser adds what it
+  // reads and drops what vanished): searching then need not look at every
+  // transcript's size and time first, which costs more than the search.
+  if (!clear && index->Complete() && ReadAgentState().running) return index;
   // Ctrl-C stops between transcripts; what was indexed so far is kept.
   keepRunning = 1;
   struct sigaction sa {

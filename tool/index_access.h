@@ -1,7 +1,8 @@
 #pragma once
 // The search index as the tool's commands use it: opened in the data folder
-// and brought up to date with the transcript folder first, with a progress
-// bar while transcripts are loaded.
+// and, unless the running agent keeps it current, brought up to date with
+// the transcript folder first, with a progress bar while transcripts are
+// loaded.
 
 #include <memory>
 #include <string>

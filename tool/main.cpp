@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
   }
   for (const auto& c : Commands())
     if (cmd == c.name) return c.run(argc - 1, argv + 1);
-  std::fprintf(stderr, "gabfolio: unknown command '%s'\n", cmd.c_str());
-  usage(stderr);
+  std::fprintf(stderr, "gabfolio: unknown command '%s'\ntry 'gabfolio --help'\n",
+               gab::EscapeControlCharacters(cmd).c_str());
   return 2;
 }

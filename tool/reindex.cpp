@@ -10,14 +10,14 @@ namespace gab::tool {
 int RunReindex(int argc, char** argv) {
   if (argc > 1) {
     std::string a = argv[1];
-    FILE* out = a == "--help" || a == "-h" ? stdout : stderr;
-    std::fprintf(out,
+    if (a != "--help" && a != "-h") return UsageError("reindex", "takes no arguments");
+    std::fprintf(stdout,
                  "usage: gabfolio reindex\n\n"
                  "Builds the search index (~/Library/Gabfolio/search-index.sqlite) afresh\n"
                  "from every transcript under ~/Documents/iChats, with a progress bar.  The\n"
                  "index is a cache: the parser keeps it current, and deleting it loses\n"
                  "nothing.  Interrupt it at any time; 'gabfolio search' goes on from there.\n");
-    return out == stdout ? kOk : kUsage;
+    return kOk;
   }
   auto index = OpenCurrentIndex("reindex", true);
   if (!index) return kFailure;

@@ -40,8 +40,7 @@ const char kHelp[] =
     "Exit status: 0 something matched, 1 nothing matched, 2 bad usage or an error.\n";
 
 int Usage(const std::string& problem) {
-  std::fprintf(stderr, "gabfolio search: %s\n%s", problem.c_str(), kHelp);
-  return kUsage;
+  return UsageError("search", problem);
 }
 
 // One line of text: line ends become spaces, other control characters are

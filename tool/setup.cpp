@@ -56,8 +56,11 @@ const char* kHelp =
     "  --to ADDRESS       your address, where the chats are sent\n"
     "  --user NAME        SMTP login (the server requires one)\n"
     "  --password-file F  read the SMTP password from the first line of F\n"
-    "  --no-login         the server needs no login\n"
+    "  --no-login         the server needs no login (a stored password is removed)\n"
     "  --no-test          do not send the test message\n"
+    "\n"
+    "When the test message fails, setup asks whether to keep the new mail\n"
+    "settings; without a yes the earlier ones stay.\n"
     "\n"
     "Exit status: 0 done, 1 failed (or the test mail failed), 2 bad usage.\n";
 
@@ -270,6 +273,13 @@ int ConfigureMail(Preferences& prefs, const MailOptions& o) {
     }
   }
 
+  // What was there before, for a user who would rather keep it than
+  // settings whose test failed.
+  std::vector<std::pair<const char*, std::optional<PrefValue>>> before;
+  for (const char* key : {"emailServer", "emailPort", "emailAddress", "emailOutgoing",
+                          "emailNeedsUsername", "emailUsername", "emailPassword", "sendEmails"})
+    before.emplace_back(key, prefs.CopyAppValue(key));
+
   prefs.SetAppValue("emailServer", server);
   prefs.SetAppValue("emailPort", int64_t(port));
   prefs.SetAppValue("emailAddress", to);
@@ -278,6 +288,9 @@ int ConfigureMail(Preferences& prefs, const MailOptions& o) {
   if (login) {
     prefs.SetAppValue("emailUsername", user);
     if (password) prefs.SetAppValue("emailPassword", *password);
+  } else {
+    // No login: no password kept lying around for it.
+    prefs.SetAppValue("emailPassword", std::nullopt);
   }
   prefs.SetAppValue("sendEmails", true);
   if (!prefs.AppSynchronize()) {
@@ -295,6 +308,24 @@ int ConfigureMail(Preferences& prefs, const MailOptions& o) {
   if (!MailTranscript(*transcript, &error)) {
     std::fprintf(stderr, "gabfolio setup: the test message was not sent: %s\n",
                  error.empty() ? "unknown error" : error.c_str());
+    // Asked on standard input, terminal or not; no answer keeps nothing.
+    std::printf("Keep these mail settings anyway? [y/N] ");
+    std::fflush(stdout);
+    std::string answer;
+    if (!std::getline(std::cin, answer)) std::printf("\n");
+    if (!answer.empty() && (answer[0] == 'y' || answer[0] == 'Y')) {
+      std::printf("Kept; chats are mailed with them from the next change on.\n");
+      return kFailure;
+    }
+    for (const auto& [key, value] : before) prefs.SetAppValue(key, value);
+    if (!prefs.AppSynchronize()) {
+      std::fprintf(stderr, "gabfolio setup: cannot write the preferences %s\n",
+                   prefs.path().c_str());
+      return kFailure;
+    }
+    std::printf(
+        "Not kept: the mail settings are as they were.  ('--no-test' keeps settings\n"
+        "without a test.)\n");
     return kFailure;
   }
   std::printf("The test message was sent; look for \"[IM] Gabfolio setup test\" in %s.\n",
@@ -311,7 +342,7 @@ int RunSetup(int argc, char** argv) {
     std::string a = argv[i];
     auto next = [&](const char* what) -> std::optional<std::string> {
       if (i + 1 >= argc) {
-        std::fprintf(stderr, "gabfolio setup: %s needs a value\n", what);
+        UsageError("setup", std::string(what) + " needs a value");
         return std::nullopt;
       }
       return std::string(argv[++i]);
@@ -341,14 +372,12 @@ int RunSetup(int argc, char** argv) {
         char* end = nullptr;
         long port = std::strtol(v->c_str(), &end, 10);
         if (!end || *end || port <= 0 || port > 65535) {
-          std::fprintf(stderr, "gabfolio setup: bad port '%s'\n", v->c_str());
-          return kUsage;
+          return UsageError("setup", "bad port '" + *v + "'");
         }
         mo.port = int(port);
       }
     } else {
-      std::fprintf(stderr, "gabfolio setup: unknown option '%s'\n%s", a.c_str(), kHelp);
-      return kUsage;
+      return UsageError("setup", "unknown option '" + a + "'");
     }
   }
 

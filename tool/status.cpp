@@ -1,16 +1,13 @@
 // gabfolio status: the error state the agent reports and whether it runs.
-#include <signal.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
-#include "platform/files.h"
+#include "library/search_index.h"
 #include "platform/home.h"
 #include "platform/preferences.h"
+#include "tool/agent_state.h"
 #include "tool/commands.h"
 
 namespace gab::tool {
@@ -22,7 +19,9 @@ constexpr const char* kHelp =
     "Shows the error state the agent keeps in the preferences (errorStatus,\n"
     "reportThis, emailFails) and whether the agent runs, from its pid file\n"
     "~/Library/Gabfolio/pidfile.  Clear an error with\n"
-    "'gabfolio defaults write errorStatus -int 0'.\n";
+    "'gabfolio defaults write errorStatus -int 0'.  From the search index: how\n"
+    "many one-to-one chats have no speaker with the name their file gives the\n"
+    "other party (see 'gabfolio contacts --help').\n";
 
 const char* Meaning(int32_t code) {
   switch (code) {
@@ -41,25 +40,6 @@ const char* Meaning(int32_t code) {
   }
 }
 
-// The process named in the pid file, when it is alive and is the agent.
-std::string AgentState() {
-  std::string pidPath = DataFolder() + "/pidfile";
-  auto text = ReadWholeFile(pidPath);
-  if (!text) return "not running";
-  char* end = nullptr;
-  long pid = std::strtol(text->c_str(), &end, 10);
-  if (text->empty() || *end || pid <= 0 || pid > 0x3fffffff)
-    return "not running (unreadable pidfile " + pidPath + ")";
-  bool alive = ::kill(pid_t(pid), 0) == 0 || errno == EPERM;
-  if (alive) {
-    // A recycled pid belongs to some other program.
-    auto comm = ReadWholeFile("/proc/" + std::to_string(pid) + "/comm");
-    if (comm && comm->rfind("gabfolio-agent", 0) != 0) alive = false;
-  }
-  if (alive) return "running (pid " + std::to_string(pid) + ")";
-  return "not running (stale pidfile, pid " + std::to_string(pid) + ")";
-}
-
 }  // namespace
 
 int RunStatus(int argc, char** argv) {
@@ -67,10 +47,7 @@ int RunStatus(int argc, char** argv) {
     std::fputs(kHelp, stdout);
     return kOk;
   }
-  if (argc > 1) {
-    std::fputs(kHelp, stderr);
-    return kUsage;
-  }
+  if (argc > 1) return UsageError("status", "takes no arguments");
   std::error_code ec;
   if (!std::filesystem::is_directory(DataFolder(), ec)) {
     std::fprintf(stderr, "gabfolio status: not set up yet; run 'gabfolio setup' (it creates %s)\n",
@@ -84,7 +61,16 @@ int RunStatus(int argc, char** argv) {
   std::printf("errorStatus: %d (%s)\n", errorStatus, Meaning(errorStatus));
   std::printf("reportThis:  %s\n", report ? report->c_str() : "(none)");
   std::printf("emailFails:  %d\n", prefs.Int("emailFails"));
-  std::printf("agent:       %s\n", AgentState().c_str());
+  std::printf("agent:       %s\n", ReadAgentState().description.c_str());
+  // From the search index as the last import, view or search left it.
+  const std::string indexPath = SearchIndexPath(DataFolder());
+  if (std::filesystem::exists(indexPath, ec)) {
+    if (auto index = SearchIndex::Open(indexPath); index && index->Complete()) {
+      int64_t n = index->ChatsWithoutTheirParty();
+      std::printf("chats without their party: %lld%s\n", static_cast<long long>(n),
+                  n ? " (their words count as yours; see 'gabfolio contacts --help')" : "");
+    }
+  }
   return kOk;
 }
 

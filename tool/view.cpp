@@ -65,12 +65,10 @@ int RunView(int argc, char** argv) {
       char* end = nullptr;
       port = std::strtol(argv[++i], &end, 10);
       if (*end || port < 0 || port > 65535) {
-        std::fprintf(stderr, "gabfolio view: bad port '%s'\n", argv[i]);
-        return kUsage;
+        return UsageError("view", std::string("bad port '") + argv[i] + "'");
       }
     } else {
-      Usage(stderr);
-      return kUsage;
+      return UsageError("view", "unknown option '" + a + "'");
     }
   }
   std::string folder = DataFolder();
@@ -90,7 +88,7 @@ int RunView(int argc, char** argv) {
   sigaddset(&stop, SIGINT);
   sigaddset(&stop, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-  auto pages = std::make_shared<ReadingPages>(TranscriptFolder(), std::move(index));
+  auto pages = std::make_shared<ReadingPages>(TranscriptFolder(), std::move(index), folder);
   LibraryViewer viewer(folder, uint16_t(port), pages);
   if (!viewer.ok()) {
     std::fprintf(stderr, "gabfolio view: cannot listen on 127.0.0.1:%ld: %s\n", port,
@@ -98,10 +96,12 @@ int RunView(int argc, char** argv) {
     return kFailure;
   }
   std::string origin = "http://127.0.0.1:" + std::to_string(viewer.port());
-  std::printf(
-      "Serving %s\n  Links:   %s/Links.html\n  Gallery: %s/Images.html\n"
-      "  People:  %s/people\n  Search:  %s/search\nPress Ctrl-C to stop.\n",
-      folder.c_str(), origin.c_str(), origin.c_str(), origin.c_str(), origin.c_str());
+  std::printf("Serving %s\n", folder.c_str());
+  for (auto [label, path] : {std::pair{"People:", "/people"}, std::pair{"Links:", "/Links.html"},
+                             std::pair{"Gallery:", "/Images.html"},
+                             std::pair{"Stats:", "/stats.html"}, std::pair{"Search:", "/search"}})
+    std::printf("  %-9s%s%s\n", label, origin.c_str(), path);
+  std::printf("Press Ctrl-C to stop.\n");
   std::fflush(stdout);
   if (open) OpenInBrowser(origin + "/people");
   int sig = 0;

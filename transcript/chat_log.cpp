@@ -1,5 +1,6 @@
 #include "transcript/chat_log.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -40,6 +41,33 @@ std::string_view Extension(std::string_view name) {
   return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
 }
 
+bool LooksLikeKeyedArchive(std::string_view data) {
+  return data.substr(0, 6) == "bplist";
+}
+
+// A typedstream starts with the streamer version and the signature, 11
+// bytes long, in either byte order's spelling.
+bool LooksLikeTypedstream(std::string_view data) {
+  return data.size() >= 13 && data[1] == '\x0b' &&
+         (data.substr(2, 11) == "typedstream" || data.substr(2, 11) == "streamtyped");
+}
+
+// Why a file that is plainly not what its extension says cannot load, in
+// words that tell what to do about it; nothing when it may well be.
+std::optional<std::string> WrongKind(std::string_view data, bool iChat2) {
+  if (data.empty()) return "the file is empty: iChat never wrote an empty transcript";
+  if (iChat2 && LooksLikeKeyedArchive(data))
+    return "this is an iChat 3 transcript (a binary property list); its name must end in "
+           ".ichat, not .chat";
+  if (!iChat2 && LooksLikeTypedstream(data))
+    return "this is an iChat 2 transcript (a typedstream); its name must end in .chat, not "
+           ".ichat";
+  if (!LooksLikeKeyedArchive(data) && !LooksLikeTypedstream(data))
+    return "not an iChat transcript: an iChat 3 one (.ichat) starts with \"bplist\", an "
+           "iChat 2 one (.chat) with a typedstream header";
+  return std::nullopt;
+}
+
 // 32-bit sums as designed, wrapping instead of overflowing.
 int32_t AddWrapping(int32_t a, int32_t b) {
   return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
@@ -53,6 +81,17 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
 
 std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& path,
                                                            std::string* why) {
+  return Init(path, nullptr, why);
+}
+
+std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFileData(const std::string& path,
+                                                           std::string_view data,
+                                                           std::string* why) {
+  return Init(path, &data, why);
+}
+
+std::unique_ptr<ICLPChatLog> ICLPChatLog::Init(const std::string& path,
+                                               const std::string_view* given, std::string* why) {
   auto fail = [&](std::string reason) -> std::unique_ptr<ICLPChatLog> {
     if (why) *why = std::move(reason);
     return nullptr;
@@ -61,19 +100,30 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::InitWithFilePath(const std::string& pa
   std::string_view extension = Extension(name);
   // The kind of file is its extension alone, compared exactly.
   bool iChat2 = extension == "chat";
-  if (!iChat2 && extension != "ichat")
+  if (!iChat2 && extension != "ichat") {
+    std::string lower(extension);
+    for (char& c : lower) c = char(std::tolower(static_cast<unsigned char>(c)));
+    if (lower == "chat" || lower == "ichat")
+      return fail("not taken as a transcript: the extension must be in lower case (." + lower +
+                  ")");
     return fail("not a transcript: the extension is not \"chat\" or \"ichat\"");
+  }
 
   auto log = std::make_unique<ICLPChatLog>();
   log->path_ = path;
   std::string readError;
-  std::optional<std::string> data = ReadRegularFile(path, UntrustedFileLimit(), &readError);
+  std::optional<std::string> read;
+  if (!given) read = ReadRegularFile(path, UntrustedFileLimit(), &readError);
   bool loaded;
-  if (!data) {
+  if (!given && !read) {
     log->Fail(readError);
     loaded = false;
+  } else if (std::string_view data = given ? *given : std::string_view(*read);
+             auto wrong = WrongKind(data, iChat2)) {
+    log->Fail(*wrong);
+    loaded = false;
   } else {
-    loaded = iChat2 ? log->LoadiChat2Data(*data) : log->LoadiChat3Data(*data);
+    loaded = iChat2 ? log->LoadiChat2Data(data) : log->LoadiChat3Data(data);
   }
   if (!loaded) return fail(log->loadError_);
 

@@ -29,6 +29,9 @@ class ICLPChatLog {
   static std::unique_ptr<ICLPChatLog> InitWithFilePath(const std::string& path);
   // The same; when nothing is yielded, `why` (if given) says why.
   static std::unique_ptr<ICLPChatLog> InitWithFilePath(const std::string& path, std::string* why);
+  // The same for a file's bytes already read (`path` gives its name).
+  static std::unique_ptr<ICLPChatLog> InitWithFileData(const std::string& path,
+                                                       std::string_view data, std::string* why);
   // Decoders; false (reason logged, nothing kept) when the archive is bad.
   bool LoadiChat2Data(std::string_view data);
   bool LoadiChat3Data(std::string_view data);
@@ -69,6 +72,9 @@ class ICLPChatLog {
   }
 
  private:
+  // Loads `path`, or `data` when given.
+  static std::unique_ptr<ICLPChatLog> Init(const std::string& path, const std::string_view* data,
+                                           std::string* why);
   bool AdoptRoot(const ObjectPtr& root);
   bool Fail(std::string reason);  // logs, keeps the reason, drops what was loaded
 

@@ -20,6 +20,7 @@ struct GalleryCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+// GoogleTest names a case by this instead of dumping the struct's bytes.
 void PrintTo(const GalleryCase& c, std::ostream* os) {
   *os << c.name;
 }

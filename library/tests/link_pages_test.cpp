@@ -24,6 +24,7 @@ struct PagesCase {
   std::vector<std::pair<std::string, std::string>> pages;
 };
 
+// GoogleTest names a case by this instead of dumping the struct's bytes.
 void PrintTo(const PagesCase& c, std::ostream* os) {
   *os << c.name;
 }

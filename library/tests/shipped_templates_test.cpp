@@ -30,6 +30,20 @@ TEST(ShippedTemplates, CarryThePlaceholdersTheClassesAndTheScriptBan) {
     EXPECT_EQ(text->substr(list + std::string(c.list).size(), 10), "</section>") << c.file;
     EXPECT_EQ(text->find("<script"), std::string::npos) << c.file;
   }
+  // Every page of the library leads to every other section, and marks its own.
+  for (auto [file, here] : {std::pair{"linktemplate.html", "Links.html"},
+                            std::pair{"imagetemplate.html", "Images.html"},
+                            std::pair{"statstemplate.html", "stats.html"}}) {
+    auto text = ReadWholeFile(std::string(GABFOLIO_SOURCE_DIR) + "/data/" + file);
+    ASSERT_TRUE(text) << file;
+    size_t start = text->find("<nav class=\"sections\">");
+    std::string nav = text->substr(start, text->find("</nav>", start) - start);
+    for (const char* href : {"people", "Links.html", "Images.html", "stats.html"})
+      EXPECT_NE(nav.find(std::string(" href=\"") + href + "\""), std::string::npos)
+          << file << " lacks " << href;
+    EXPECT_NE(nav.find(std::string("class=\"here\" href=\"") + here + "\""), std::string::npos)
+        << nav;
+  }
   auto icon = ReadWholeFile(std::string(GABFOLIO_SOURCE_DIR) + "/data/Images/pdf.png");
   ASSERT_TRUE(icon);
   EXPECT_EQ(icon->substr(0, 8), "\x89PNG\r\n\x1a\n");

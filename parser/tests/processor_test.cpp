@@ -207,8 +207,12 @@ TEST_F(ProcessorTest, UnreadableIsRecordedAndRetriedOnlyWhenChanged) {
   EXPECT_EQ(e.reason, "broken archive");
 
   lib.loads.clear();
-  RunOnce();
+  s = RunOnce();
   EXPECT_TRUE(lib.loads.empty());
+  // Named again by every run, never counted among the done ones.
+  ASSERT_EQ(s.unreadable.size(), 1u);
+  EXPECT_EQ(s.unreadable[0].second, "broken archive");
+  EXPECT_EQ(s.unchanged, 1);
   Write("a on x.chat", "2");
   s = RunOnce();
   EXPECT_EQ(s.processed, 1);
@@ -309,11 +313,14 @@ TEST_F(ProcessorTest, StopsBetweenTranscriptsWhenAskedAndResumes) {
   Write("a on x.ichat", "1");
   Write("b on x.ichat", "1");
   int calls = 0;
-  options.progress = [&](size_t, size_t, const std::string&) {
+  size_t lastDone = 0;
+  options.progress = [&](size_t done, size_t, const std::string&) {
+    lastDone = done;
     if (++calls == 2) keepRunning = 0;
   };
   RunSummary s = RunOnce();
   EXPECT_TRUE(s.stopped);
+  EXPECT_EQ(lastDone, 1u);  // the bar stays where the run stopped
   EXPECT_EQ(s.processed, 1);
   keepRunning = 1;
   options.progress = nullptr;

@@ -78,7 +78,7 @@ TEST(RecordTest, MissingDamagedAndOddEntries) {
 TEST(ScanTest, FindsTranscriptsAtAnyDepthOnly) {
   fs::path dir = TempDir("scan");
   for (const char* f : {"a on x.chat", "b on y.ichat", "notes.txt", "c.CHAT", "d.chat.bak",
-                        "2005/March/e on z.ichat", "2005/f on w.chat"})
+                        "i.iChat", "2005/March/e on z.ichat", "2005/f on w.chat"})
     fs::create_directories((dir / f).parent_path()), std::ofstream(dir / f) << "x";
   fs::create_directories(dir / "folder.chat");  // a folder is not a transcript
   fs::create_directories(dir / "elsewhere");
@@ -87,7 +87,9 @@ TEST(ScanTest, FindsTranscriptsAtAnyDepthOnly) {
   fs::create_symlink(dir / "elsewhere/g on v.chat", dir / "h on v.chat");
 
   std::vector<std::string> names;
-  for (const auto& t : FindTranscripts(dir.string())) names.push_back(t.relativePath);
+  std::vector<std::string> miscased;
+  for (const auto& t : FindTranscripts(dir.string(), &miscased)) names.push_back(t.relativePath);
+  EXPECT_EQ(miscased, (std::vector<std::string>{"c.CHAT", "i.iChat"}));
   EXPECT_EQ(names,
             (std::vector<std::string>{"2005/March/e on z.ichat", "2005/f on w.chat", "a on x.chat",
                                       "b on y.ichat", "elsewhere/g on v.chat"}));

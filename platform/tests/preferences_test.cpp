@@ -109,6 +109,18 @@ TEST_F(PreferencesTest, WritesPrivateXmlAndKeepsValuesItDoesNotKnow) {
   text = ReadWholeFile(path_);
   EXPECT_NE(text->find("<key>list</key>"), std::string::npos);
   EXPECT_EQ(text->find("reportThis"), std::string::npos);
+
+  // Storing what the file holds already writes nothing (the agent stores
+  // "errorStatus" before every entry of a pass); a real change still does.
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  const ino_t before = st.st_ino;
+  again.SetAppValue("emailFails", PrefValue(int64_t(2)));
+  ASSERT_TRUE(again.AppSynchronize());
+  ASSERT_EQ(stat(path_.c_str(), &st), 0);
+  EXPECT_EQ(st.st_ino, before);
+  again.SetAppValue("emailFails", PrefValue(int64_t(3)));
+  ASSERT_TRUE(again.AppSynchronize());
+  EXPECT_EQ(Preferences(path_).Int("emailFails"), 3);
 }
 
 TEST_F(PreferencesTest, ReadsBinaryPlistWrittenByAnotherTool) {

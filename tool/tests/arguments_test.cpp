@@ -31,35 +31,40 @@ TEST(Arguments, HelpAndErrors) {
       {{"convert", "@/Nobody on 2005.chat", "--to", "text"}, 1, "Nobody"},
       {{"convert", "@/Anna on 2005.ichat", "--to", "html", "-o", "@/out.html"},
        1,
-       "iChat 3 archive"},
-      {{"convert", "--to", "text", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},
+       "not an iChat transcript"},
+      {{"convert", "--to", "text", "@/Anna on 2005.chat"}, 1, "the file is empty"},
       {{"dump", "--help"}, 0, "usage: gabfolio dump FILE\n"},
-      {{"dump"}, 2, "usage: gabfolio dump FILE"},
-      {{"dump", "a.chat", "b.chat"}, 2, "usage:"},
-      {{"dump", "-v"}, 2, "usage:"},
+      {{"dump"}, 2, "no FILE given"},
+      {{"dump", "a.chat", "b.chat"}, 2, "one FILE at a time"},
+      {{"dump", "-v"}, 2, "unknown option '-v'"},
       {{"dump", "@/Nobody on 2005.chat"}, 1, "cannot read the file"},
       {{"dump", "@/dir on 2005.chat"}, 1, "it is a folder, not a file"},
-      {{"dump", "@/Anna on 2005.CHAT"}, 1, "extension"},
-      {{"dump", "@/Anna on 2005.ichat"}, 1, "iChat 3 archive"},
-      {{"dump", "@/Anna on 2005.chat"}, 1, "iChat 2 archive"},
+      {{"dump", "@/Anna on 2005.CHAT"}, 1, "the extension must be in lower case (.chat)"},
+      {{"dump", "@/Anna on 2005.ichat"}, 1, "not an iChat transcript"},
+      {{"dump", "@/Anna on 2005.chat"}, 1, "the file is empty"},
       {{"view", "--help"}, 0, "usage: gabfolio view [--port N] [--no-open]"},
       {{"view", "--port", "http"}, 2, "bad port"},
       {{"view", "--port", "70000"}, 2, "bad port"},
-      {{"view", "--quiet"}, 2, "usage: gabfolio view"},
+      {{"view", "--quiet"}, 2, "unknown option '--quiet'"},
       {{"rebuild", "--help"}, 0, "usage: gabfolio rebuild"},
-      {{"rebuild", "extra"}, 2, "usage: gabfolio rebuild"},
+      {{"rebuild", "extra"}, 2, "takes no arguments"},
       {{"status", "--help"}, 0, "usage: gabfolio status"},
-      {{"status", "extra"}, 2, "usage: gabfolio status"},
+      {{"status", "extra"}, 2, "takes no arguments"},
       {{"defaults", "--help"}, 0, "usage: gabfolio defaults"},
+      {{"defaults", "write", "k", "-int", "x"}, 2, "'x' is not a valid -int value"},
       {{"setup", "--help"}, 0, "usage: gabfolio setup"},
       {{"setup", "--bogus"}, 2, "unknown option"},
       {{"setup", "--port", "99999"}, 2, "bad port"},
       {{"setup", "--server"}, 2, "needs a value"},
       {{"import", "--help"}, 0, "usage: gabfolio import"},
       {{"import", "a", "b"}, 2, "one folder"},
-      {{"service"}, 2, "usage: gabfolio service"},
+      {{"import", "--quiet"}, 2, "unknown option '--quiet'"},
+      {{"service"}, 2, "install, uninstall or status?"},
       {{"service", "restart"}, 2, "unknown action"},
-      {{"nonsense"}, 2, "unknown command"},
+      {{"search"}, 2, "no QUERY given"},
+      {{"reindex", "now"}, 2, "takes no arguments"},
+      {{"contacts", "forget"}, 2, "unknown action 'forget'"},
+      {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));
@@ -79,6 +84,12 @@ TEST(Arguments, HelpAndErrors) {
     } else {
       EXPECT_NE(run.err.find(c.text), std::string::npos) << run.err;
       EXPECT_EQ(run.out, "");
+    }
+    if (c.status == 2) {
+      // One line for the problem and one saying where the help is.
+      std::string command = c.args[0] == "frobnicate" ? "" : " " + c.args[0];
+      EXPECT_EQ(run.err.substr(run.err.find('\n') + 1), "try 'gabfolio" + command + " --help'\n")
+          << run.err;
     }
     EXPECT_FALSE(std::filesystem::exists(home.path() + "/out.html"));
   }

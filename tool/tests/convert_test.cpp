@@ -53,13 +53,24 @@ TEST(Convert, WritesBothRenderings) {
     auto text = RunProgram({kTool, "convert", home.path() + "/" + file, "--to", "text"});
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_EQ(text.out, plain);
-    auto page = RunProgram(
-        {kTool, "convert", "--to=html", home.path() + "/" + file, "-o", home.path() + "/out.html"});
-    EXPECT_EQ(page.status, 0) << page.err;
-    EXPECT_EQ(page.out, "");
-    std::ifstream in(home.path() + "/out.html", std::ios::binary);
-    std::string written((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(written, html);
+    // -o: a file, standard output ("-"), or into a folder (made when missing).
+    std::filesystem::create_directories(home.path() + "/out");
+    for (auto [output, path] : {std::pair{"/out.html", "/out.html"}, std::pair{"-", ""},
+                                std::pair{"/new/", "/new/anna on 2005-03-08.html"},
+                                std::pair{"/out", "/out/anna on 2005-03-08.html"}}) {
+      SCOPED_TRACE(output);
+      std::string o = *output == '-' ? output : home.path() + output;
+      std::filesystem::remove(home.path() + "/out/anna on 2005-03-08.html");
+      auto page = RunProgram({kTool, "convert", "--to=html", home.path() + "/" + file, "-o", o});
+      EXPECT_EQ(page.status, 0) << page.err;
+      std::string written = page.out;
+      if (*path) {
+        EXPECT_EQ(page.out, "");
+        std::ifstream in(home.path() + path, std::ios::binary);
+        written.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+      }
+      EXPECT_EQ(written, html);
+    }
   }
 }
 

@@ -20,12 +20,15 @@ TEST(ViewCommand, RebuildsThenServesTheLibraryUntilStopped) {
   ASSERT_TRUE(home.Has("bob smith.html"));
 
   testing::Process view({testing::kTool, "view", "--port", "0"});
-  testing::WaitFor([&] { return view.out().find("Gallery:") != std::string::npos; });
+  testing::WaitFor([&] { return view.out().find("Ctrl-C") != std::string::npos; });
   std::string text = view.out();
   size_t at = text.find("http://127.0.0.1:");
   ASSERT_NE(at, std::string::npos) << text;
   int port = std::stoi(text.substr(at + 17));
-  EXPECT_NE(text.find("/Links.html"), std::string::npos) << text;
+  std::string origin = text.substr(at, text.find('\n', at) - at);
+  origin.resize(origin.rfind('/'));
+  for (const char* page : {"People:  ", "Links:   ", "Gallery: ", "Stats:   ", "Search:  "})
+    EXPECT_NE(text.find(std::string("\n  ") + page + origin + "/"), std::string::npos) << text;
 
   Poco::Net::HTTPClientSession session("127.0.0.1", Poco::UInt16(port));
   Poco::Net::HTTPRequest request("GET", "/bob%20smith.html", Poco::Net::HTTPMessage::HTTP_1_1);

@@ -194,13 +194,34 @@ TEST_P(ChatLogFile, TruncatedArchivesYieldNothing) {
 INSTANTIATE_TEST_SUITE_P(Formats, ChatLogFile, ::testing::ValuesIn(kFormats),
                          [](const auto& info) { return std::string(info.param.label); });
 
+// The extension alone picks the decoder; a file plainly of the other kind,
+// empty or of neither kind says so, and what its name should end in.
 TEST(ChatLogFile, ExtensionChoosesTheDecoderNotTheContents) {
-  testing::TempHome home;
-  home.Write("Anna on 2005.ichat",
-             fx::WriteTranscript(Sample(), fx::Format::kTypedstreamBigEndian));
-  home.Write("Anna on 2005.chat", fx::WriteTranscript(Sample(), fx::Format::kKeyed));
-  EXPECT_FALSE(ICLPChatLog::InitWithFilePath(home.path() + "/Anna on 2005.ichat"));
-  EXPECT_FALSE(ICLPChatLog::InitWithFilePath(home.path() + "/Anna on 2005.chat"));
+  struct Case {
+    const char* name;
+    std::string bytes;
+    const char* why;
+  };
+  const Case cases[] = {
+      {"Anna on 2005.ichat", fx::WriteTranscript(Sample(), fx::Format::kTypedstreamBigEndian),
+       "this is an iChat 2 transcript (a typedstream); its name must end in .chat, not .ichat"},
+      {"Anna on 2005.ichat", fx::WriteTranscript(Sample(), fx::Format::kTypedstreamLittleEndian),
+       "this is an iChat 2 transcript"},
+      {"Anna on 2005.chat", fx::WriteTranscript(Sample(), fx::Format::kKeyed),
+       "this is an iChat 3 transcript (a binary property list); its name must end in .ichat, "
+       "not .chat"},
+      {"Anna on 2005.chat", "", "the file is empty"},
+      {"Anna on 2005.ichat", "", "the file is empty"},
+      {"Anna on 2005.ichat", "<?xml version=\"1.0\"?>", "not an iChat transcript"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    testing::TempHome home;
+    home.Write(c.name, c.bytes);
+    std::string why;
+    EXPECT_FALSE(ICLPChatLog::InitWithFilePath(home.path() + "/" + c.name, &why));
+    EXPECT_EQ(why.rfind(c.why, 0), 0u) << why;
+  }
 }
 
 // An unpaired surrogate in a message loads: the text keeps its UTF-16 units,

@@ -118,12 +118,14 @@ std::unique_ptr<ICLPChatLog> ICLPChatLog::Init(const std::string& path,
   if (!given && !read) {
     log->Fail(readError);
     loaded = false;
-  } else if (std::string_view data = given ? *given : std::string_view(*read);
-             auto wrong = WrongKind(data, iChat2)) {
-    log->Fail(*wrong);
-    loaded = false;
   } else {
-    loaded = iChat2 ? log->LoadiChat2Data(data) : log->LoadiChat3Data(data);
+    std::string_view data = given ? *given : std::string_view(*read);
+    if (auto wrong = WrongKind(data, iChat2)) {
+      log->Fail(*wrong);
+      loaded = false;
+    } else {
+      loaded = iChat2 ? log->LoadiChat2Data(data) : log->LoadiChat3Data(data);
+    }
   }
   if (!loaded) return fail(log->loadError_);
 

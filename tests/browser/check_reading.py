@@ -27,8 +27,11 @@ TARGET = """(() => {
   return {id: t.id, text: t.innerText, background: getComputedStyle(t).backgroundColor,
           top: r.top, bottom: r.bottom, height: innerHeight};
 })()"""
+# textContent, not innerText: messages off screen are skipped by
+# content-visibility until the first frame after load, and innerText leaves
+# skipped text out.  A tag that became an element has no "<b>" in its text.
 SCRIPTED = """({scripts: document.scripts.length, pwned: typeof window.pwned,
-  bold: document.querySelectorAll('.m .x b, .m .x i').length, text: document.body.innerText})"""
+  bold: document.querySelectorAll('.m .x b, .m .x i').length, text: document.body.textContent})"""
 
 
 def click(tab, selector):

@@ -67,66 +67,11 @@ std::vector<double> ParseComponents(std::string_view text) {
   return out;
 }
 
-// libplist parses XML without recursing but frees (and writes) the tree it
-// built recursively, so deep nesting would overflow the stack: the nesting
-// is bounded on the text first, counting the way libplist reads it
-// (comments, processing instructions and declarations skipped) and never
-// below what libplist would build.
-constexpr int kMaxXmlDepth = 64;
-
-void CheckXmlNesting(std::string_view xml) {
-  std::vector<bool> open;  // true: a dictionary
-  for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
-    std::string_view tag = xml.substr(at);
-    auto skipTo = [&](std::string_view end) {
-      size_t e = xml.find(end, at + 2);
-      at = e == std::string_view::npos ? xml.size() : e;
-    };
-    if (tag.starts_with("<!--")) {
-      skipTo("-->");
-    } else if (tag.starts_with("<?")) {
-      skipTo("?>");
-    } else if (tag.starts_with("<!")) {
-      char quote = 0;
-      for (at += 2; at < xml.size(); ++at) {
-        char c = xml[at];
-        if (quote) {
-          if (c == quote) quote = 0;
-        } else if (c == '"' || c == '\'') {
-          quote = c;
-        } else if (c == '[') {
-          Fail("XML property list with an internal document type subset");
-        } else if (c == '>') {
-          break;
-        }
-      }
-    } else if (tag.starts_with("</")) {
-      for (bool dict : {false, true}) {
-        std::string_view name = dict ? "</dict" : "</array";
-        if (tag.starts_with(name) && tag.size() > name.size() &&
-            (tag[name.size()] == '>' ||
-             std::isspace(static_cast<unsigned char>(tag[name.size()]))) &&
-            !open.empty() && open.back() == dict) {
-          open.pop_back();
-        }
-      }
-    } else {
-      for (bool dict : {false, true}) {
-        std::string_view name = dict ? "<dict" : "<array";
-        if (!tag.starts_with(name)) continue;
-        std::string_view rest = tag.substr(name.size());
-        if (rest.starts_with("/>") || rest.starts_with(" />")) continue;
-        open.push_back(dict);
-        if (open.size() > kMaxXmlDepth) Fail("XML property list nested too deeply");
-      }
-    }
-  }
-}
-
 // An XML archive, parsed by libplist and written out in binary form for the
 // same reader.  (iChat writes binary archives; XML ones are rare.)
 std::string XmlToBinary(std::string_view xml) {
-  CheckXmlNesting(xml);
+  std::string why;
+  if (!XmlPlistNestingWithin(xml, &why)) Fail(why);
   PlistPtr plist = ParsePlist(xml);
   if (!plist) Fail("not a property list with a dictionary at the top");
   char* bin = nullptr;

@@ -1,11 +1,33 @@
 #include "platform/module.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <map>
 #include <mutex>
+#include <vector>
 
 namespace gab {
+namespace {
+
+// Where the modules are: beside the programs' folder (a build tree, or an
+// install whose programs sit in bin/ next to lib/gabfolio), else where they
+// were installed.  Named in full, not through the run path: a dlopen the
+// sanitizers intercept searches the run path of their library, not ours.
+std::vector<std::string> ModuleFolders() {
+  std::vector<std::string> folders;
+  char exe[4096];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+  if (n > 0) {
+    std::string path(exe, size_t(n));
+    std::string dir = path.substr(0, path.rfind('/'));
+    folders.push_back(dir.substr(0, dir.rfind('/')) + "/lib/gabfolio");
+  }
+  folders.push_back(GABFOLIO_MODULEDIR);
+  return folders;
+}
+
+}  // namespace
 
 void* ModuleEntry(const char* module, const char* symbol, std::string* err) {
   struct Loaded {
@@ -20,8 +42,17 @@ void* ModuleEntry(const char* module, const char* symbol, std::string* err) {
   if (added) {
     // Never unloaded: the heavy libraries behind a module keep threads and
     // handlers of their own that must not outlive their code.
-    m.handle = dlopen(module, RTLD_NOW | RTLD_LOCAL);
-    if (!m.handle) m.error = dlerror();
+    for (const std::string& folder : ModuleFolders()) {
+      std::string path = folder + "/" + module;
+      if (access(path.c_str(), F_OK) != 0) continue;
+      m.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+      if (!m.handle) m.error = dlerror();
+      break;
+    }
+    if (!m.handle && m.error.empty()) {
+      m.error = std::string(module) + " is in none of";
+      for (const std::string& folder : ModuleFolders()) m.error += " " + folder;
+    }
   }
   void* entry = m.handle ? dlsym(m.handle, symbol) : nullptr;
   if (!entry && err) *err = m.handle ? std::string(module) + " has no " + symbol : m.error;

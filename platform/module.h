@@ -2,8 +2,8 @@
 // Facilities that need a heavy library (libvips, libsystemd, xcb, Poco's
 // networking and TLS) live in small modules loaded on first use, so that a
 // command which never mails, sizes an image, asks the X server or alerts
-// never pays for loading those libraries.  The modules are found through the
-// programs' run path: the build tree's module folder, or the installed one.
+// never pays for loading those libraries.  The modules live in lib/gabfolio
+// beside the programs' folder (a build tree) or where they were installed.
 #include <string>
 
 namespace gab {

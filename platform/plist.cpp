@@ -1,6 +1,7 @@
 #include "platform/plist.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <vector>
@@ -54,10 +55,72 @@ plist_t Canonical(plist_t node) {
   }
 }
 
+// libplist parses XML without recursing but frees (and writes) the tree it
+// built recursively, so deep nesting would overflow the stack: the nesting
+// is bounded on the text first, counting the way libplist reads it
+// (comments, processing instructions and declarations skipped) and never
+// below what libplist would build.
+constexpr size_t kMaxXmlDepth = 64;
+
 }  // namespace
+
+bool XmlPlistNestingWithin(std::string_view xml, std::string* why) {
+  std::vector<bool> open;  // true: a dictionary
+  for (size_t at = xml.find('<'); at != std::string_view::npos; at = xml.find('<', at + 1)) {
+    std::string_view tag = xml.substr(at);
+    auto skipTo = [&](std::string_view end) {
+      size_t e = xml.find(end, at + 2);
+      at = e == std::string_view::npos ? xml.size() : e;
+    };
+    if (tag.starts_with("<!--")) {
+      skipTo("-->");
+    } else if (tag.starts_with("<?")) {
+      skipTo("?>");
+    } else if (tag.starts_with("<!")) {
+      char quote = 0;
+      for (at += 2; at < xml.size(); ++at) {
+        char c = xml[at];
+        if (quote) {
+          if (c == quote) quote = 0;
+        } else if (c == '"' || c == '\'') {
+          quote = c;
+        } else if (c == '[') {
+          if (why) *why = "XML property list with an internal document type subset";
+          return false;
+        } else if (c == '>') {
+          break;
+        }
+      }
+    } else if (tag.starts_with("</")) {
+      for (bool dict : {false, true}) {
+        std::string_view name = dict ? "</dict" : "</array";
+        if (tag.starts_with(name) && tag.size() > name.size() &&
+            (tag[name.size()] == '>' ||
+             std::isspace(static_cast<unsigned char>(tag[name.size()]))) &&
+            !open.empty() && open.back() == dict) {
+          open.pop_back();
+        }
+      }
+    } else {
+      for (bool dict : {false, true}) {
+        std::string_view name = dict ? "<dict" : "<array";
+        if (!tag.starts_with(name)) continue;
+        std::string_view rest = tag.substr(name.size());
+        if (rest.starts_with("/>") || rest.starts_with(" />")) continue;
+        open.push_back(dict);
+        if (open.size() > kMaxXmlDepth) {
+          if (why) *why = "XML property list nested too deeply";
+          return false;
+        }
+      }
+    }
+  }
+  return true;
+}
 
 PlistPtr ParsePlist(std::string_view bytes) {
   if (bytes.empty() || bytes.size() > 0x7fffffff) return nullptr;
+  if (!bytes.starts_with("bplist") && !XmlPlistNestingWithin(bytes)) return nullptr;
   plist_t root = nullptr;
   plist_from_memory(bytes.data(), uint32_t(bytes.size()), &root);
   return PlistPtr(root);

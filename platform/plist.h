@@ -13,8 +13,14 @@ struct PlistFree {
 // Owns a libplist node tree.
 using PlistPtr = std::unique_ptr<void, PlistFree>;
 
-// Parses an XML or binary property list; null when the bytes are not one.
+// Parses an XML or binary property list; null when the bytes are not one,
+// or XML nested deeper than any of ours (see XmlPlistNestingWithin).
 PlistPtr ParsePlist(std::string_view bytes);
+
+// libplist builds an XML tree without recursing but frees and writes it
+// recursively: false (the reason in `why`) when `xml` nests dictionaries
+// and arrays deeper than 64, or declares an internal document type subset.
+bool XmlPlistNestingWithin(std::string_view xml, std::string* why = nullptr);
 
 // Reads and parses a property-list file; null when missing or unparsable.
 // `exists` (optional) tells the two apart.

@@ -147,16 +147,21 @@ TEST_F(PreferencesTest, ReadsBinaryPlistWrittenByAnotherTool) {
 
 TEST_F(PreferencesTest, UnreadableFileReadsAbsentAndIsKeptAsideOnWrite) {
   fs::create_directories(fs::path(path_).parent_path());
-  const std::string garbage = "<plist><dict><key>broken";
-  ASSERT_TRUE(WriteFileAtomically(path_, garbage, 0600));
-  Preferences prefs(path_);
-  ::testing::internal::CaptureStderr();
-  EXPECT_EQ(prefs.CopyAppValue("emailFails"), std::nullopt);
-  prefs.SetAppValue("emailFails", PrefValue(int64_t(1)));
-  ASSERT_TRUE(prefs.AppSynchronize());
-  ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(ReadWholeFile(path_ + ".unreadable"), garbage);
-  EXPECT_EQ(Preferences(path_).Int("emailFails"), 1);
+  std::string deep = "<plist>";
+  for (int i = 0; i < 200000; ++i) deep += "<array>";
+  // Cut short, and nested deeper than libplist can free without running out
+  // of stack.
+  for (const std::string& garbage : {std::string("<plist><dict><key>broken"), deep}) {
+    ASSERT_TRUE(WriteFileAtomically(path_, garbage, 0600));
+    Preferences prefs(path_);
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(prefs.CopyAppValue("emailFails"), std::nullopt);
+    prefs.SetAppValue("emailFails", PrefValue(int64_t(1)));
+    ASSERT_TRUE(prefs.AppSynchronize());
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(ReadWholeFile(path_ + ".unreadable"), garbage);
+    EXPECT_EQ(Preferences(path_).Int("emailFails"), 1);
+  }
 }
 
 TEST_F(PreferencesTest, SynchroniseSeesOtherWritersAndKeepsOwnChanges) {

@@ -444,6 +444,82 @@ TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
   EXPECT_EQ(stats.find(">-"), std::string::npos) << stats;
 }
 
+// Kills (SIGKILL) every parser worker working for `home`; how many.
+int KillWorkersOf(const fs::path& home) {
+  const std::string wanted = "HOME=" + home.string();
+  int killed = 0;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+    const std::string pid = entry.path().filename().string();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::error_code exeError;
+    fs::path exe = fs::read_symlink(entry.path() / "exe", exeError);
+    if (exeError || exe.filename() != "gabfolio-parser-worker") continue;
+    std::string environ = ReadFile(entry.path() / "environ");
+    for (size_t at = 0; at < environ.size(); at = environ.find('\0', at) + 1) {
+      if (environ.compare(at, wanted.size() + 1, wanted + '\0') == 0 ||
+          (environ.compare(at, wanted.size(), wanted) == 0 &&
+           at + wanted.size() == environ.size())) {
+        killed += ::kill(pid_t(std::stoi(pid)), SIGKILL) == 0;
+        break;
+      }
+      if (environ.find('\0', at) == std::string::npos) break;
+    }
+  }
+  return killed;
+}
+
+// The parser worker killed at a random moment of an agent pass: the agent
+// goes on with the next entry, whose run finishes the work, and one more
+// pass leaves the library exactly as an uninterrupted pass does.
+TEST_F(ProductTest, WorkerKilledUnderTheAgentEndsAsAnUninterruptedPass) {
+  fs::path originals = home() / "originals";
+  fs::create_directories(originals);
+  for (int i = 0; i < 40; ++i)
+    samples::WriteChat(originals.string(),
+                       samples::TypicalChat("friend" + std::to_string(i % 9), kMarch2005 + i * 3600,
+                                            15, i % 2 == 0));
+  // A home of its own with the same transcripts, times included (the record
+  // holds them).
+  auto makeHome = [&](const std::string& name) {
+    fs::path h = home() / name;
+    fs::create_directories(h / "Documents/iChats");
+    EXPECT_EQ(RunProgram({kTool, "setup"}, {"HOME=" + h.string()}).status, 0);
+    for (const auto& f : fs::directory_iterator(originals)) {
+      fs::path copy = h / "Documents/iChats" / f.path().filename();
+      fs::copy_file(f.path(), copy);
+      fs::last_write_time(copy, fs::last_write_time(f.path()));
+    }
+    return h;
+  };
+  fs::path reference = makeHome("reference");
+  auto started = std::chrono::steady_clock::now();
+  Result pass = RunProgram({kAgent, "-debug"}, {"HOME=" + reference.string()});
+  ASSERT_EQ(pass.status, 0) << pass.err;
+  auto took = std::chrono::steady_clock::now() - started;
+  const std::string expected = LibraryState(reference / "Library/Gabfolio");
+
+  std::mt19937 random(::testing::UnitTest::GetInstance()->random_seed());
+  std::uniform_int_distribution<int64_t> moment(
+      0, std::chrono::duration_cast<std::chrono::microseconds>(took).count());
+  int kills = 0;
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    fs::path h = makeHome("killed" + std::to_string(round));
+    const std::vector<std::string> env = {"HOME=" + h.string()};
+    {
+      Process agent({kAgent, "-debug"}, env);
+      std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
+      kills += KillWorkersOf(h);
+      ASSERT_TRUE(agent.Wait(120)) << agent.err();
+    }
+    Result last = RunProgram({kAgent, "-debug"}, env);
+    ASSERT_EQ(last.status, 0) << last.err;
+    EXPECT_EQ(LibraryState(h / "Library/Gabfolio"), expected);
+  }
+  RecordProperty("workers_killed", kills);
+}
+
 // A mail the server refuses after the connection (a recipient refused, a
 // login rejected) stays pending and is sent, exactly once, by the first
 // parser run after the server takes it.

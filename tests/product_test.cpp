@@ -444,6 +444,41 @@ TEST_F(ProductTest, ImportKilledAtAnyMomentEndsAsAnUninterruptedOne) {
   EXPECT_EQ(stats.find(">-"), std::string::npos) << stats;
 }
 
+// A full disk: an import saves nothing it cannot save whole, says what failed
+// and exits 1; once there is room again, the next import ends as one that had
+// room all along.  The small disk is a tmpfs mounted in a user namespace.
+TEST_F(ProductTest, FullDiskLosesNothingAndTheNextRunFinishes) {
+  if (std::system("unshare --user --map-root-user --mount true >/dev/null 2>&1") != 0)
+    GTEST_SKIP() << "no user namespace to mount a small file system in";
+  fs::path old = home() / "old chats";
+  fs::create_directories(old);
+  for (int i = 0; i < 100; ++i)
+    samples::WriteChat(old.string(), samples::TypicalChat("friend" + std::to_string(i % 9),
+                                                          kMarch2005 + i * 3600, 20, i % 2 == 0));
+  fs::path other = home() / "reference";
+  fs::create_directories(other);
+  ASSERT_EQ(RunProgram({kTool, "setup"}, {"HOME=" + other.string()}).status, 0);
+  ASSERT_EQ(RunProgram({kTool, "import", old.string()}, {"HOME=" + other.string()}).status, 0);
+
+  fs::path small = home() / "small";
+  fs::create_directories(small / "Library");
+  const std::string script =
+      "set -e; mount -t tmpfs -o size=1m tmpfs \"$HOME/Library\"; \"$0\" setup >/dev/null; "
+      "set +e; \"$0\" import \"$1\" >\"$2/first.out\" 2>&1; echo $? >\"$2/first.status\"; set -e; "
+      "mount -o remount,size=64m \"$HOME/Library\"; "
+      "\"$0\" import \"$1\" >\"$2/second.out\" 2>&1; echo $? >\"$2/second.status\"; "
+      "cp -a \"$HOME/Library/Gabfolio\" \"$2/result\"";
+  Result r = RunProgram({"/usr/bin/unshare", "--user", "--map-root-user", "--mount", "/bin/sh",
+                         "-c", script, kTool, old.string(), home().string()},
+                        {"HOME=" + small.string()});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  std::string first = ReadFile(home() / "first.out");
+  EXPECT_EQ(ReadFile(home() / "first.status"), "1\n") << first;
+  EXPECT_NE(first.find("No space left on device"), std::string::npos) << first;
+  EXPECT_EQ(ReadFile(home() / "second.status"), "0\n") << ReadFile(home() / "second.out");
+  EXPECT_EQ(LibraryState(home() / "result"), LibraryState(other / "Library/Gabfolio"));
+}
+
 // Kills (SIGKILL) every parser worker working for `home`; how many.
 int KillWorkersOf(const fs::path& home) {
   const std::string wanted = "HOME=" + home.string();

@@ -4,7 +4,6 @@
 #include <wctype.h>
 
 #include "platform/chat_windows_module.h"
-#include "platform/log.h"
 #include "platform/module.h"
 #include "platform/text.h"
 
@@ -30,12 +29,8 @@ ChatWindows* installed = nullptr;
 
 std::optional<std::vector<std::u16string>> QueryX11WindowTitles(const char* display,
                                                                 std::string_view windowClass) {
-  static const X11Module* module = [] {
-    std::string err;
-    auto* m = LoadModule<X11Module>(kX11ModuleFile, kX11ModuleEntry, &err);
-    if (!m) NSLog("Chat windows cannot be asked for: " + err);
-    return m;
-  }();
+  static const X11Module* module = LoadModuleOrSay<X11Module>(kX11ModuleFile, kX11ModuleEntry,
+                                                              "Chat windows cannot be asked for");
   if (!module) return std::nullopt;
   auto titles = module->windowTitles(display, windowClass);
   if (!titles) return std::nullopt;

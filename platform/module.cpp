@@ -7,6 +7,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/log.h"
+
 namespace gab {
 namespace {
 
@@ -42,7 +44,8 @@ void* ModuleEntry(const char* module, const char* symbol, std::string* err) {
   if (added) {
     // Never unloaded: the heavy libraries behind a module keep threads and
     // handlers of their own that must not outlive their code.
-    for (const std::string& folder : ModuleFolders()) {
+    const std::vector<std::string> folders = ModuleFolders();
+    for (const std::string& folder : folders) {
       std::string path = folder + "/" + module;
       if (access(path.c_str(), F_OK) != 0) continue;
       m.handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -51,11 +54,18 @@ void* ModuleEntry(const char* module, const char* symbol, std::string* err) {
     }
     if (!m.handle && m.error.empty()) {
       m.error = std::string(module) + " is in none of";
-      for (const std::string& folder : ModuleFolders()) m.error += " " + folder;
+      for (const std::string& folder : folders) m.error += " " + folder;
     }
   }
   void* entry = m.handle ? dlsym(m.handle, symbol) : nullptr;
   if (!entry && err) *err = m.handle ? std::string(module) + " has no " + symbol : m.error;
+  return entry;
+}
+
+void* ModuleEntryOrSay(const char* module, const char* symbol, std::string_view unavailable) {
+  std::string err;
+  void* entry = ModuleEntry(module, symbol, &err);
+  if (!entry) NSLog(std::string(unavailable) + ": " + err);
   return entry;
 }
 

@@ -5,6 +5,7 @@
 // never pays for loading those libraries.  The modules live in lib/gabfolio
 // beside the programs' folder (a build tree) or where they were installed.
 #include <string>
+#include <string_view>
 
 namespace gab {
 
@@ -14,11 +15,23 @@ namespace gab {
 // `err`.  Safe to call from several threads.
 void* ModuleEntry(const char* module, const char* symbol, std::string* err = nullptr);
 
+// The same, saying in the log that `unavailable` ("Image sizes are not
+// available") when the module cannot be had.
+void* ModuleEntryOrSay(const char* module, const char* symbol, std::string_view unavailable);
+
 // The module's interface: its entry point is an `extern "C"` function
 // without arguments that returns a pointer to `Api`.
 template <class Api>
 const Api* LoadModule(const char* module, const char* symbol, std::string* err = nullptr) {
   void* entry = ModuleEntry(module, symbol, err);
+  return entry ? reinterpret_cast<const Api* (*)()>(entry)() : nullptr;
+}
+
+// The module's interface, or null after a line in the log; for facilities
+// that hold on to it for the whole process (and so say it once).
+template <class Api>
+const Api* LoadModuleOrSay(const char* module, const char* symbol, std::string_view unavailable) {
+  void* entry = ModuleEntryOrSay(module, symbol, unavailable);
   return entry ? reinterpret_cast<const Api* (*)()>(entry)() : nullptr;
 }
 
